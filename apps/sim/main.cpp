@@ -1,0 +1,158 @@
+// kav-sim: the quote server as a program.
+#include <fmt/format.h>
+
+#include <atomic>   // std::atomic
+#include <csignal>  // sigaction
+#include <cstdio>   // fflush
+#include <ctime>    // localtime_r
+#include <thread>   // std::this_thread::sleep_for
+
+#include "apps/sim/feed.h"
+#include "apps/sim/market.h"
+#include "apps/sim/program_options.h"
+#include "apps/sim/tick_file.h"
+
+namespace {
+
+using namespace kav_sim;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr std::chrono::seconds k_progress_pause{10};
+constexpr milliseconds k_idle_slice{20};  // between two looks at the stop flag
+
+std::atomic<bool> g_signalled{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "set in a signal handler");
+
+void on_signal(int) { g_signalled.store(true, std::memory_order_relaxed); }
+
+void catch_signals() {
+  struct sigaction action {};
+  action.sa_handler = on_signal;
+  ::sigaction(SIGINT, &action, nullptr);
+  ::sigaction(SIGTERM, &action, nullptr);
+  std::signal(SIGPIPE, SIG_IGN);  // whoever reads our lines may go away
+}
+
+milliseconds ms_of(double seconds) { return milliseconds{static_cast<long long>(seconds * 1000)}; }
+
+market_options market_of(const program_options& o) {
+  market_options m;
+  m.seed = o.seed;
+  m.rate = o.rate;
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  ::localtime_r(&now, &local);
+  m.trading_day =
+      fmt::format("{:04}{:02}{:02}", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday);
+  m.start_ms = ((local.tm_hour * 60 + local.tm_min) * 60 + local.tm_sec) * 1000LL;
+  return m;
+}
+
+// The quotes' origin, or null after a complaint.
+std::unique_ptr<tick_source> make_source(const program_options& o) {
+  if (o.tick_path.empty()) return std::make_unique<market>(market_of(o));
+  std::vector<tick> ticks;
+  std::string error;
+  if (!read_tick_file(o.tick_path, ticks, error)) {
+    fmt::print(stderr, "kav-sim: {}\n", error);
+    return nullptr;
+  }
+  return std::make_unique<tick_replay>(std::move(ticks), o.loop);
+}
+
+server_options server_of(const program_options& o, const tick_source& source) {
+  server_options s;
+  s.bind_address = o.bind_address;
+  s.port = o.port;
+  s.user = o.user;
+  s.password = o.password;
+  s.symbols = source.symbols();
+  s.heartbeat = ms_of(o.heartbeat_seconds);
+  s.record_received = false;
+  if (!o.quiet) s.log = [](const std::string& line) { fmt::print(stderr, "{}\n", line); };
+  return s;
+}
+
+void print_sums(const char* head, const quote_server& server) {
+  const server_counters sums = server.counters();
+  const connection_counts clients = server.connections();
+  fmt::print(stderr,
+             "{}: {} quotes sent, {} dropped; {} clients now, {} ever; {} malformed messages\n",
+             head, sums.quotes_sent, sums.quotes_dropped, clients.current, clients.ever,
+             sums.malformed_messages);
+}
+
+// What happens beside the quotes: progress lines, the outage, the end. Main thread only.
+class side_show {
+ public:
+  side_show(const program_options& options, quote_server& server)
+      : m_options(options), m_server(server) {}
+
+  // False: it is time to end.
+  bool keep_going() {
+    const auto now = steady_clock::now();
+    if (g_signalled.load(std::memory_order_relaxed)) return false;
+    if (m_options.seconds > 0 && now - m_start >= ms_of(m_options.seconds)) return false;
+    if (!m_options.quiet && now - m_progress_at >= k_progress_pause) {
+      m_progress_at = now;
+      print_sums("progress", m_server);
+    }
+    if (!m_outage_done && m_options.outage_after_seconds > 0 &&
+        now - m_start >= ms_of(m_options.outage_after_seconds)) {
+      m_outage_done = true;
+      m_server.outage(ms_of(m_options.outage_seconds));
+    }
+    return true;
+  }
+
+ private:
+  const program_options& m_options;
+  quote_server& m_server;
+  const steady_clock::time_point m_start = steady_clock::now();
+  steady_clock::time_point m_progress_at = m_start;
+  bool m_outage_done = false;
+};
+
+void serve(const program_options& options, tick_source& source, quote_server& server) {
+  side_show beside{options, server};
+  feed_options feed;
+  feed.speed = options.speed;
+  feed.wait_for_registration = !options.tick_path.empty();
+  feed.keep_going = [&beside] { return beside.keep_going(); };
+  const feed_result result = run_feed(source, server, feed);
+  if (result.at_end && !options.quiet) {
+    fmt::print(stderr, "the file has ended after {} quotes; connections stay\n", result.ticks);
+  }
+  while (beside.keep_going()) std::this_thread::sleep_for(k_idle_slice);
+}
+
+int run(const program_options& options) {
+  const std::unique_ptr<tick_source> source = make_source(options);
+  if (!source) return k_exit_bad_input;
+  if (options.list) {
+    for (const listed_symbol& s : source->symbols()) fmt::print("{} {}\n", s.type, s.name);
+    return k_exit_good;
+  }
+  catch_signals();
+  quote_server server{server_of(options, *source)};
+  server.set_behaviour(options.how);
+  if (!server.start()) {
+    fmt::print(stderr, "kav-sim: {}\n", server.start_error());
+    return k_exit_failed;
+  }
+  fmt::print("listening on {}:{}\n", options.bind_address, server.port());
+  std::fflush(stdout);
+  serve(options, *source, server);
+  server.stop();
+  print_sums("end", server);
+  return k_exit_good;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  program_options options;
+  if (const std::optional<int> status = parse_command_line(argc, argv, options)) return *status;
+  return run(options);
+}

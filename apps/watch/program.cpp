@@ -1,0 +1,82 @@
+#include "apps/watch/program.h"
+
+#include <fmt/format.h>  // fmt::print
+#include <unistd.h>      // _exit
+
+#include <chrono>     // std::chrono_literals
+#include <cstdio>     // stderr
+#include <exception>  // std::exception
+#include <optional>   // std::optional
+#include <string>     // std::string
+#include <utility>    // std::move
+#include <variant>    // std::get_if
+
+#include "apps/watch/options.h"
+#include "apps/watch/secrets.h"
+#include "apps/watch/signal_source.h"
+#include "apps/watch/standard_output.h"
+#include "apps/watch/viewer.h"
+
+namespace kav_watch {
+namespace {
+
+int finish(const outcome& end) {
+  if (!end.message.empty()) fmt::print(stderr, "kav-watch: {}\n", end.message);
+  return static_cast<int>(end.status);
+}
+
+int print_information(const std::string& text, standard_output& output, signal_source& signals) {
+  using namespace std::chrono_literals;
+  output_stream stream{output.fd(), signals.fd()};
+  stream.buffer().append(text);
+  if (stream.flush_for(2s) != write_result::failed) return 0;
+  return finish({exit_status::write_failed, "cannot write the output: " + stream.error_text()});
+}
+
+output_format chosen_format(const watch_options& options, const standard_output& output) {
+  if (options.format != output_format::automatic) return options.format;
+  return output.is_terminal() && !options.list_only ? output_format::table : output_format::plain;
+}
+
+int watch(watch_options& options, standard_output& output, signal_source& signals) {
+  const output_format format = chosen_format(options, output);
+  if (format == output_format::table && !options.list_only && !output.is_terminal()) {
+    return finish({exit_status::bad_option,
+                   "--format table needs a terminal; give plain, csv or json to write elsewhere"});
+  }
+  const bool table = format == output_format::table;
+  if (options.verbose && !table) output.lead_strays_to_stderr();
+  quote_session session{options, signals, table ? keep_quotes::latest : keep_quotes::every};
+  const outcome end = viewer{options, format, session, signals, output}.run();
+  if (!session.close()) {
+    finish(end);
+    std::fflush(nullptr);
+    ::_exit(static_cast<int>(end.status));
+  }
+  return finish(end);
+}
+
+int run(int argc, char** argv) {
+  std::optional<std::string> environment_password = take_password_from_environment();
+  parsed_options parsed = parse_options(argc, argv, std::move(environment_password));
+  wipe_password_arguments(argc, argv);
+  signal_source signals;
+  standard_output output;
+  if (const auto* end = std::get_if<outcome>(&parsed)) return finish(*end);
+  if (const auto* text = std::get_if<information>(&parsed)) {
+    return print_information(text->text, output, signals);
+  }
+  return watch(std::get<watch_options>(parsed), output, signals);
+}
+
+}  // namespace
+
+int run_program(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& error) {
+    return finish({exit_status::unexpected, std::string{"unexpected error: "} + error.what()});
+  }
+}
+
+}  // namespace kav_watch

@@ -1,0 +1,291 @@
+#include "apps/watch/viewer.h"
+
+#include <fmt/format.h>  // fmt::format
+#include <fmt/ranges.h>  // fmt::join
+#include <poll.h>        // poll
+
+#include <algorithm>      // std::min, std::clamp
+#include <cstdio>         // stderr
+#include <cstdlib>        // std::getenv
+#include <iterator>       // std::back_inserter
+#include <unordered_map>  // std::unordered_map
+
+#include "apps/watch/quote_format.h"
+#include "apps/watch/text_safety.h"
+
+namespace kav_watch {
+namespace {
+
+using steady = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds k_redraw{100};       // the eye does not want it faster
+constexpr std::chrono::milliseconds k_last_flush{2000};  // for what waits when the program ends
+constexpr int k_idle_wait_ms = 1000;                     // nothing depends on it
+constexpr std::size_t k_named_symbols = 10;              // in one message
+
+void note(const std::string& text) { fmt::print(stderr, "kav-watch: {}\n", text); }
+
+std::string first_names(const std::vector<std::string>& names) {
+  const std::size_t shown = std::min(names.size(), k_named_symbols);
+  std::string text =
+      fmt::format("{}", fmt::join(names.begin(), names.begin() + static_cast<long>(shown), ", "));
+  if (shown < names.size()) text += fmt::format(" and {} more", names.size() - shown);
+  return printable_text(text);
+}
+
+bool colour_wanted() {
+  const char* no_colour = std::getenv("NO_COLOR");
+  return no_colour == nullptr || *no_colour == '\0';
+}
+
+}  // namespace
+
+symbol_choice choose_symbols(const std::vector<listed_symbol>& list,
+                             const std::vector<std::string>& names) {
+  if (names.empty()) return {list, {}};
+  std::unordered_map<std::string_view, const listed_symbol*> index;
+  for (const listed_symbol& symbol : list) index.try_emplace(symbol.name, &symbol);
+  symbol_choice choice;
+  for (const std::string& name : names) {
+    const auto found = index.find(name);
+    if (found == index.end()) {
+      choice.unknown.push_back(name);
+    } else {
+      choice.known.push_back(*found->second);
+    }
+  }
+  return choice;
+}
+
+viewer::viewer(const watch_options& options, output_format format, quote_session& session,
+               signal_source& signals, standard_output& output)
+    : m_options(options),
+      m_format(format),
+      m_session(session),
+      m_signals(signals),
+      m_output(output),
+      m_lines(output.fd(), signals.fd()) {}
+
+outcome viewer::run() {
+  if (std::optional<outcome> end = m_session.open()) return *end;
+  if (m_options.list_only) return print_list();
+  if (std::optional<outcome> end = register_symbols()) return *end;
+  if (m_options.duration) m_deadline = steady::now() + *m_options.duration;
+  return m_format == output_format::table ? show_table() : stream_quotes();
+}
+
+outcome viewer::print_list() {
+  fmt::memory_buffer& out = m_lines.buffer();
+  if (m_format == output_format::csv) fmt::format_to(std::back_inserter(out), "Symbol,Type\n");
+  for (const listed_symbol& symbol : m_session.symbols()) {
+    const std::string type = type_text(symbol.type);
+    if (m_format == output_format::csv) {
+      append_csv_text(out, symbol.name);
+      out.push_back(',');
+      append_csv_text(out, type);
+    } else if (m_format == output_format::json) {
+      fmt::format_to(std::back_inserter(out), "{{\"Symbol\":");
+      append_json_text(out, symbol.name);
+      fmt::format_to(std::back_inserter(out), ",\"Type\":");
+      append_json_text(out, type);
+      out.push_back('}');
+    } else {
+      fmt::format_to(std::back_inserter(out), "{}\t{}", printable_text(symbol.name), type);
+    }
+    out.push_back('\n');
+  }
+  return finish_stream({});
+}
+
+std::optional<outcome> viewer::register_symbols() {
+  symbol_choice choice = choose_symbols(m_session.symbols(), m_options.symbols);
+  if (!choice.unknown.empty()) {
+    const std::string names = first_names(choice.unknown);
+    if (choice.known.empty() || !m_options.keep_going) {
+      return outcome{exit_status::unknown_symbol,
+                     fmt::format("the server does not know {}; --list shows what it knows{}", names,
+                                 choice.known.empty() ? "" : ", --keep-going watches the others")};
+    }
+    note(fmt::format("the server does not know {}; watching the others", names));
+  }
+  m_watched = std::move(choice.known);
+  m_session.watch(m_watched);
+  return std::nullopt;
+}
+
+// ---- Lines ----
+
+outcome viewer::stream_quotes() {
+  if (m_format == output_format::csv) append_csv_header(m_lines.buffer());
+  while (true) {
+    std::optional<outcome> end = stream_turn();
+    if (!end) end = wait_for_more();
+    if (end) return finish_stream(std::move(*end));
+  }
+}
+
+std::optional<outcome> viewer::stream_turn() {
+  m_session.inbox().clear_wake();
+  const session_facts facts = m_session.inbox().facts();  // before the quotes that preceded it
+  if (std::optional<outcome> end = write_batch()) return end;
+  if (std::optional<outcome> end = flush()) return end;
+  report_events();
+  report(facts);
+  if (facts.state == link_state::over) return m_session.over();
+  if (asked_to_end()) return outcome{};
+  return std::nullopt;
+}
+
+std::size_t viewer::wanted_now(std::size_t available) const {
+  if (!m_options.count) return available;
+  return static_cast<std::size_t>(std::min<std::uint64_t>(available, *m_options.count - m_shown));
+}
+
+std::optional<outcome> viewer::write_batch() {
+  m_session.inbox().take_quotes(m_batch);
+  const std::size_t wanted = wanted_now(m_batch.size());
+  for (std::size_t i = 0; i < wanted; ++i) {
+    append_quote(m_batch[i]);
+    if (!m_lines.is_full()) continue;
+    if (std::optional<outcome> end = flush()) return end;
+  }
+  m_shown += wanted;
+  if (m_options.count && m_shown == *m_options.count) return outcome{};
+  return std::nullopt;
+}
+
+void viewer::append_quote(const KAVMarketDepthQuoteData& quote) {
+  switch (m_format) {
+    case output_format::csv:
+      return append_csv(m_lines.buffer(), quote);
+    case output_format::json:
+      return append_json(m_lines.buffer(), quote);
+    default:
+      return append_plain(m_lines.buffer(), quote);
+  }
+}
+
+std::optional<outcome> viewer::flush() {
+  while (true) {
+    const write_result result = m_lines.flush();
+    if (result == write_result::written) return std::nullopt;
+    if (result != write_result::interrupted) return write_end(result);
+    if (asked_to_end()) return outcome{};  // else it was only the terminal's size
+  }
+}
+
+outcome viewer::write_end(write_result result) const {
+  if (result != write_result::failed) return {};
+  return {exit_status::write_failed,
+          fmt::format("cannot write the output: {}; free some space or write elsewhere",
+                      m_lines.error_text())};
+}
+
+outcome viewer::finish_stream(outcome end) {
+  if (end.status == exit_status::write_failed) return end;
+  const outcome written = write_end(m_lines.flush_for(k_last_flush));
+  return end.status == exit_status::ended_well ? written : end;
+}
+
+std::optional<outcome> viewer::wait_for_more() {
+  // The output is watched for its reader's going away, which otherwise only a write would tell.
+  pollfd fds[] = {
+      {m_session.inbox().wake_fd(), POLLIN, 0}, {m_signals.fd(), POLLIN, 0}, {m_output.fd(), 0, 0}};
+  const int ready = ::poll(fds, 3, milliseconds_left());
+  if (ready > 0 && (fds[2].revents & (POLLERR | POLLHUP)) != 0) return outcome{};
+  return std::nullopt;
+}
+
+// ---- Table ----
+
+outcome viewer::show_table() {
+  std::vector<std::string> names;
+  for (const listed_symbol& symbol : m_watched) names.push_back(symbol.name);
+  m_table.emplace(names);
+  m_screen = table_screen::open(m_output.fd(), {colour_wanted(), m_options.green_up});
+  if (!m_screen) {
+    return {exit_status::bad_option,
+            "this terminal cannot show the table; set TERM to its kind or give --format plain"};
+  }
+  m_output.lead_strays_to_pipe();
+  std::optional<outcome> end;
+  while (!end) {
+    end = table_turn();
+    if (!end) wait_for_redraw();
+  }
+  m_screen.reset();
+  m_output.lead_strays_nowhere();
+  return *end;
+}
+
+std::optional<outcome> viewer::table_turn() {
+  m_session.inbox().clear_wake();
+  const session_facts facts = m_session.inbox().facts();
+  gather_for_table();
+  m_rate.update(facts.quotes, steady::now());
+  if (facts.state == link_state::over) return m_session.over();
+  if (m_options.count && facts.quotes >= *m_options.count) return outcome{};
+  if (asked_to_end() || !m_screen->obey_keys()) return outcome{};
+  if (m_signals.take_resize()) m_screen->fit_to_terminal();
+  draw(facts);
+  return std::nullopt;
+}
+
+void viewer::gather_for_table() {
+  m_session.inbox().take_quotes(m_batch);
+  const steady_time now = steady::now();
+  for (const KAVMarketDepthQuoteData& quote : m_batch) m_table->apply(quote, now);
+  for (const std::string& symbol : m_session.inbox().take_refusals()) m_table->set_refused(symbol);
+  for (std::string& line : m_session.inbox().take_log()) m_last_log = std::move(line);
+  for (std::string& line : m_output.take_strays()) m_last_log = std::move(line);
+}
+
+void viewer::draw(const session_facts& facts) {
+  const std::string status =
+      fmt::format("{} {} | {:.0f} quotes/s | {} quotes | {} reconnections", m_options.server_text,
+                  state_text(facts.state), m_rate.per_second(), facts.quotes, facts.reconnections);
+  m_screen->draw(*m_table, status, m_last_log);
+}
+
+void viewer::wait_for_redraw() {
+  // Quotes are not waited for: they are picked up with the next drawing. Keys and signals are.
+  pollfd fds[] = {{m_signals.fd(), POLLIN, 0}, {m_screen->key_fd(), POLLIN, 0}};
+  ::poll(fds, 2, std::min(milliseconds_left(), static_cast<int>(k_redraw.count())));
+}
+
+// ---- Both ----
+
+bool viewer::asked_to_end() {
+  m_signals.read_all();
+  return m_signals.end_asked() || (m_deadline && steady::now() >= *m_deadline);
+}
+
+int viewer::milliseconds_left() const {
+  if (!m_deadline) return k_idle_wait_ms;
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(*m_deadline - steady::now()).count();
+  return static_cast<int>(std::clamp<decltype(left)>(left, 0, k_idle_wait_ms));
+}
+
+void viewer::report_events() {
+  const std::vector<std::string> refused = m_session.inbox().take_refusals();
+  if (!refused.empty()) {
+    note(
+        fmt::format("the server refuses to send quotes of {}; still asking", first_names(refused)));
+  }
+  for (const std::string& line : m_session.inbox().take_log()) {
+    if (m_options.verbose) note(line);
+  }
+}
+
+void viewer::report(const session_facts& facts) {
+  if (facts.state == m_told_state) return;
+  if (facts.state == link_state::reconnecting) {
+    note(fmt::format("connection to {} lost, reconnecting", m_options.server_text));
+  } else if (facts.state == link_state::live) {
+    note(fmt::format("connected to {} again", m_options.server_text));
+  }
+  m_told_state = facts.state;
+}
+
+}  // namespace kav_watch

@@ -1,0 +1,19 @@
+// Where the socket classes send their log lines, when standard output is not the place.
+#pragma once
+
+namespace VORLAN {
+namespace SOCK {
+
+class socket_context {
+ public:
+  virtual ~socket_context();
+  // One line of `length` characters, most with their own line end. On any thread, also on two at
+  // once; the object stays its owner's and outlives the sockets that use it.
+  virtual void log_text(const char* text, int length) = 0;
+};
+
+// Writes `text` to the context, or to standard output when there is none.
+void write_log_text(socket_context* context, const char* text);
+
+}  // namespace SOCK
+}  // namespace VORLAN

@@ -1,0 +1,758 @@
+#include "sock/socket_multicast.h"
+
+#include <arpa/inet.h>    // inet_pton
+#include <fcntl.h>        // fcntl
+#include <netinet/in.h>   // IP_ADD_MEMBERSHIP
+#include <netinet/tcp.h>  // TCP_NODELAY
+#include <sys/epoll.h>    // epoll_wait
+#include <sys/socket.h>   // recvmsg, send
+#include <unistd.h>       // close
+
+#include <cerrno>   // errno
+#include <cstdint>  // std::uint32_t
+#include <cstring>  // memset, memcpy
+#include <map>      // std::map
+#include <new>      // std::bad_alloc
+#include <set>      // std::set
+#include <utility>  // std::move
+
+#include "sock/event_run.h"
+#include "sock/shared_descriptor.h"
+#include "sock/vorlan_socket_thread.h"
+#include "tools/helpers.h"
+#include "tools/locks.h"
+
+namespace VORLAN {
+namespace SOCK {
+namespace {
+
+using VORLAN::TOOLS::format_str;
+using VORLAN::TOOLS::mutex_lock;
+using VORLAN::TOOLS::mutex_locker;
+
+constexpr std::uint32_t k_watched_events = EPOLLIN | EPOLLERR | EPOLLHUP;
+constexpr int k_events_per_wait = 1024;
+constexpr int k_epoll_wait_ms = 50;            // longest delay until the event thread sees a stop
+constexpr unsigned k_thread_poll_ms = 1;       // how often a closer looks for the thread's end
+constexpr int k_thread_polls = 5000;           // after that many the destructor gives up
+constexpr unsigned k_error_pause_ms = 10;      // a broken epoll instance must not occupy a core
+constexpr int k_multicast_ttl = 64;            // a sender's datagrams may pass so many routers
+constexpr int k_receive_queue_bytes = 65'535;  // the system's buffer for each group
+constexpr std::size_t k_datagram_bytes = 65'535;  // more than any UDP datagram carries
+// Readable zeros behind the longest datagram: a decoder may look at a whole record of a short one.
+constexpr std::size_t k_zeros_behind = 264;
+
+bool parse_endpoint(const std::string& ip, unsigned short port, sockaddr_in& endpoint) {
+  endpoint = {};
+  endpoint.sin_family = AF_INET;
+  endpoint.sin_port = htons(port);
+  return ip.find('\0') == std::string::npos &&
+         ::inet_pton(AF_INET, ip.c_str(), &endpoint.sin_addr) == 1;
+}
+
+bool set_nonblocking(int sock) {
+  const int flags = ::fcntl(sock, F_GETFL);
+  return flags >= 0 && ::fcntl(sock, F_SETFL, flags | O_NONBLOCK) >= 0;
+}
+
+bool set_option(int sock, int level, int name, int value) {
+  return ::setsockopt(sock, level, name, &value, sizeof(value)) == 0;
+}
+
+const sockaddr* as_sockaddr(const sockaddr_in& address) {
+  return reinterpret_cast<const sockaddr*>(&address);
+}
+
+bool open_sender(int sock, const socket_multicast::multicast_unit& unit) {
+  sockaddr_in group{}, local{};
+  return parse_endpoint(unit.group_ip, unit.group_port, group) &&
+         parse_endpoint(unit.local_ip, unit.local_port, local) &&
+         set_option(sock, IPPROTO_IP, IP_MULTICAST_TTL, k_multicast_ttl) &&
+         ::bind(sock, as_sockaddr(local), sizeof(local)) == 0 &&
+         ::connect(sock, as_sockaddr(group), sizeof(group)) == 0;
+}
+
+bool join_group(int sock, in_addr group, in_addr interface) {
+  ip_mreq request{};
+  request.imr_multiaddr = group;
+  request.imr_interface = interface;
+  return ::setsockopt(sock, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof(request)) == 0;
+}
+
+bool open_receiver(int sock, const socket_multicast::multicast_unit& unit) {
+  sockaddr_in group{}, local{}, any{};
+  if (!parse_endpoint(unit.group_ip, unit.group_port, group) ||
+      !parse_endpoint(unit.local_ip, unit.local_port, local)) {
+    return false;
+  }
+  any.sin_family = AF_INET;
+  any.sin_port = group.sin_port;
+  // Every socket of the host gets every group that anybody has joined unless it says that it does
+  // not want to, and that before it is bound: nothing may slip in.
+  if (!set_option(sock, IPPROTO_IP, IP_MULTICAST_ALL, 0)) return false;
+  set_option(sock, SOL_SOCKET, SO_RXQ_OVFL, 1);  // without it drops are only not counted
+  return set_option(sock, SOL_SOCKET, SO_REUSEADDR, 1) && set_nonblocking(sock) &&
+         ::bind(sock, as_sockaddr(any), sizeof(any)) == 0 &&
+         join_group(sock, group.sin_addr, local.sin_addr) &&
+         set_option(sock, SOL_SOCKET, SO_RCVBUF, k_receive_queue_bytes);
+}
+
+// Zero behind each datagram. One thread at a time.
+class datagram_buffer {
+ public:
+  // recvmsg() into the buffer. `drops` becomes the system's count when that comes along.
+  ssize_t receive(int sock, std::uint32_t& drops) {
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(drops))] = {};
+    iovec bytes{m_bytes, k_datagram_bytes};
+    msghdr message{};
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    // A stop must not wait for a datagram that turned out to be none, also on blocking sockets.
+    const ssize_t received = ::recvmsg(sock, &message, MSG_DONTWAIT);
+    if (received < 0) return received;
+    clear_behind(static_cast<std::size_t>(received));
+    read_drops(message, drops);
+    return received;
+  }
+  const char* data() const { return m_bytes; }
+
+ private:
+  void clear_behind(std::size_t length) {
+    if (length < m_used) std::memset(m_bytes + length, 0, m_used - length);
+    m_used = length;
+  }
+
+  static void read_drops(msghdr& message, std::uint32_t& drops) {
+    for (cmsghdr* part = CMSG_FIRSTHDR(&message); part; part = CMSG_NXTHDR(&message, part)) {
+      if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SO_RXQ_OVFL) continue;
+      std::memcpy(&drops, CMSG_DATA(part), sizeof(drops));
+    }
+  }
+
+  std::size_t m_used = 0;  // behind it everything is zero
+  char m_bytes[k_datagram_bytes + k_zeros_behind] = {};
+};
+
+}  // namespace
+
+// One unit's socket.
+struct socket_multicast::channel {
+  ~channel() { socket.close(); }
+
+  // By whoever receives: the system's count of the socket wraps at 2^32, ours does not.
+  void count_drops(std::uint32_t system_count) {
+    const std::uint32_t before = system_drops.exchange(system_count, std::memory_order_acq_rel);
+    dropped.fetch_add(system_count - before, std::memory_order_acq_rel);
+  }
+
+  shared_descriptor socket;
+  // Any thread.
+  std::atomic<std::uint32_t> system_drops{0};
+  std::atomic<unsigned long long> dropped{0};
+};
+
+// What one sock_init() has opened. Constant once it is shared; the descriptors close on their own.
+struct socket_multicast::opening {
+  ~opening() { epoll.close(); }
+
+  void close_sockets() {
+    for (const auto& [number, unit_channel] : channels) unit_channel->socket.close();
+  }
+  std::shared_ptr<channel> find(int sock) const {
+    const auto at = channels.find(sock);
+    return at == channels.end() ? nullptr : at->second;
+  }
+
+  shared_descriptor epoll;
+  std::map<int, std::shared_ptr<channel>> channels;  // by descriptor
+};
+
+// What the event thread shares with the object. Lives as long as either of them.
+struct socket_multicast::shared_state {
+  std::shared_ptr<opening> current() {
+    const mutex_locker guard(lock);
+    return opened;
+  }
+  // Has the object gone, or does it wait for the event thread no longer?
+  bool is_abandoned() const { return place.load() == k_place_abandoned; }
+  bool leave_callback() {
+    event_thread_place from = k_place_in_callback;
+    return place.compare_exchange_strong(from, k_place_in_object) || from == k_place_in_object;
+  }
+
+  // Set by sock_init(), read by every reporting thread.
+  std::atomic<socket_callback> callback{nullptr};
+  std::atomic<void*> user{nullptr};
+
+  mutex_lock lock;
+  std::map<int, multicast_unit*> units_by_id KAV_GUARDED_BY(lock);
+  std::map<int, multicast_unit*> units_by_socket KAV_GUARDED_BY(lock);
+  std::map<std::string, multicast_unit*> units_by_alias KAV_GUARDED_BY(lock);
+  std::uint32_t next_id KAV_GUARDED_BY(lock) = 0;
+  std::shared_ptr<opening> opened KAV_GUARDED_BY(lock);  // the last one, also when closed
+  std::set<int> own_sockets KAV_GUARDED_BY(lock);  // every number that a unit's socket ever had
+
+  // Any thread.
+  std::atomic<bool> stop{false};
+  std::atomic<int> stop_waiters{0};  // threads that wait for the end: nobody may start it again
+  std::atomic<bool> ended{true};     // cleared before the thread exists, set as its last touch
+  std::atomic<bool> object_gone{false};
+  std::atomic<event_thread_place> place{k_place_not_started};
+
+  std::unique_ptr<datagram_buffer> buffer;  // event thread only; null while a datagram is in it
+};
+
+struct socket_multicast::wait_errors {
+  int interrupted = 0;
+  int bad_descriptor = 0;
+  int bad_address = 0;
+  int invalid_argument = 0;
+  int other = 0;
+};
+
+struct socket_multicast::event_thread_start {
+  socket_multicast* object;
+  std::shared_ptr<shared_state> shared;
+};
+
+// The right to use a socket, by its number: a unit's while it is open, none once that is closed,
+// and a number that was never a unit's as it is.
+class socket_multicast::descriptor_use {
+ public:
+  descriptor_use(shared_state& shared, int sock)
+      : m_channel(look_up(shared, sock, m_foreign)),
+        m_leased(m_channel.get()),
+        m_lease(m_leased != nullptr ? m_leased->socket : m_none) {}
+  int get() const { return m_leased != nullptr ? m_lease.get() : m_foreign; }
+  channel* unit_channel() const { return m_leased; }
+  void close() const {
+    if (m_leased != nullptr) {
+      m_leased->socket.close();
+    } else if (m_foreign >= 0) {
+      ::close(m_foreign);
+    }
+  }
+
+ private:
+  // The channel that has the number, null for none; `foreign` is the number when it was never
+  // one's.
+  static std::shared_ptr<channel> look_up(shared_state& shared, int sock, int& foreign) {
+    const mutex_locker guard(shared.lock);
+    std::shared_ptr<channel> found;
+    if (shared.opened != nullptr) found = shared.opened->find(sock);
+    if (found == nullptr && shared.own_sockets.count(sock) == 0) foreign = sock;
+    return found;
+  }
+
+  int m_foreign = -1;
+  shared_descriptor m_none;  // what is leased without a channel
+  const std::shared_ptr<channel> m_channel;
+  channel* const m_leased;  // the same, null for none
+  const shared_descriptor::lease m_lease;
+};
+
+namespace {
+
+// What the caller's thread is the event thread of, if it is one.
+thread_local const void* t_shared = nullptr;
+
+}  // namespace
+
+socket_multicast::multicast_unit::~multicast_unit() = default;
+
+socket_multicast::socket_multicast() : m_shared(std::make_shared<shared_state>()) {}
+
+socket_multicast::~socket_multicast() {
+  shared_state& shared = *m_shared;
+  shared.object_gone.store(true);
+  shared.stop_waiters.fetch_add(1);  // for ever: it may not start again
+  shared.stop.store(true);
+  if (t_shared == &shared) {
+    shared.place.store(k_place_abandoned);  // deleted by the callback that this thread is in
+  } else {
+    wait_thread_ended(true);
+  }
+  close_opening();
+  forget_units();
+}
+
+void socket_multicast::forget_units() {
+  std::map<int, multicast_unit*> units;
+  {
+    const mutex_locker guard(m_shared->lock);
+    units.swap(m_shared->units_by_id);
+    m_shared->units_by_socket.clear();
+    m_shared->units_by_alias.clear();
+  }
+  // In the destructor the base's own: a derived one is gone by then.
+  // NOLINTNEXTLINE(clang-analyzer-optin.cplusplus.VirtualCall)
+  for (const auto& [id, unit] : units) free_multicast_unit(unit);
+}
+
+socket_multicast::multicast_unit* socket_multicast::ensure_multicast_unit(
+    const std::string& group_ip, unsigned short group_port, const std::string& local_ip,
+    unsigned short local_port, const std::string& alias, int id, int sock) {
+  auto unit = std::make_unique<multicast_unit>();
+  unit->group_ip = group_ip;
+  unit->group_port = group_port;
+  unit->local_ip = local_ip;
+  unit->local_port = local_port;
+  unit->alias = alias;
+  unit->id = id;
+  unit->socket = sock;
+  return unit.release();
+}
+
+void socket_multicast::free_multicast_unit(multicast_unit* unit) { delete unit; }
+
+int socket_multicast::get_current_min_id() {
+  const mutex_locker guard(m_shared->lock);
+  const int id = static_cast<int>(m_shared->next_id);
+  m_shared->next_id = (m_shared->next_id + 1) & 0x7fffffffu;
+  return id;
+}
+
+int socket_multicast::add_multicast_param(const std::string& group_ip, unsigned short group_port,
+                                          const std::string& local_ip, unsigned short local_port,
+                                          const std::string& alias) {
+  const int id = get_current_min_id();
+  multicast_unit* const unit =
+      ensure_multicast_unit(group_ip, group_port, local_ip, local_port, alias, id, -1);
+  const mutex_locker guard(m_shared->lock);
+  m_shared->units_by_id[id] = unit;
+  m_shared->units_by_alias[alias] = unit;
+  return id;
+}
+
+bool socket_multicast::sock_init(SOCK_MULTICAST_TYPE type, socket_callback cb, void* user) {
+  sock_close();
+  m_shared->callback.store(cb);
+  m_shared->user.store(user);
+  const int epoll = ::epoll_create1(EPOLL_CLOEXEC);
+  if (epoll < 0) return false;
+  const auto opened = std::make_shared<opening>();
+  opened->epoll.open(epoll);
+  if (!open_units(type, *opened)) {
+    forget_units();
+    return false;
+  }
+  {
+    const mutex_locker guard(m_shared->lock);
+    m_shared->opened = opened;
+  }
+  return start_server_event_thread();
+}
+
+bool socket_multicast::open_units(SOCK_MULTICAST_TYPE type, opening& opened) {
+  const mutex_locker guard(m_shared->lock);
+  m_shared->units_by_socket.clear();
+  for (const auto& [id, unit] : m_shared->units_by_id) {
+    if (unit == nullptr || !open_unit(type, *unit, opened)) return false;
+    m_shared->own_sockets.insert(unit->socket);
+    m_shared->units_by_socket[unit->socket] = unit;
+  }
+  return true;
+}
+
+bool socket_multicast::open_unit(SOCK_MULTICAST_TYPE type, multicast_unit& unit, opening& opened) {
+  const int sock = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  unit.socket = sock;
+  if (sock < 0) return false;
+  const auto unit_channel = std::make_shared<channel>();
+  unit_channel->socket.open(sock);
+  opened.channels[sock] = unit_channel;
+  const bool ready = type == MULTICAST_SEND ? open_sender(sock, unit) : open_receiver(sock, unit);
+  if (!ready) return false;
+  const shared_descriptor::lease epoll(opened.epoll);
+  epoll_event event{};
+  event.events = k_watched_events;
+  event.data.fd = sock;
+  return ::epoll_ctl(epoll.get(), EPOLL_CTL_ADD, sock, &event) == 0;
+}
+
+bool socket_multicast::sock_close() {
+  stop_server_event_thread();
+  if (const std::shared_ptr<opening> opened = m_shared->current()) opened->close_sockets();
+  return true;
+}
+
+void socket_multicast::close_opening() {
+  const std::shared_ptr<opening> opened = m_shared->current();
+  if (opened == nullptr) return;
+  opened->close_sockets();
+  opened->epoll.close();
+}
+
+int socket_multicast::colse_all_connect() { return 0; }
+
+bool socket_multicast::start_server_event_thread() {
+  shared_state& shared = *m_shared;
+  shared.stop.store(false);
+  if (shared.stop_waiters.load() > 0) {  // somebody is waiting for the end, and comes first
+    shared.stop.store(true);
+    return false;
+  }
+  // It runs, or this is it: a callback that closes and opens goes on with the same thread.
+  if (t_shared == &shared || !shared.ended.exchange(false)) return true;
+  shared.place.store(k_place_not_started);
+  auto start = std::make_unique<event_thread_start>(event_thread_start{this, m_shared});
+  unsigned long id = 0;
+  if (vl_create_thread(event_thread_entry, start.get(), id) == 0) {
+    shared.ended.store(true);
+    return false;
+  }
+  static_cast<void>(start.release());  // the thread's now
+  return true;
+}
+
+bool socket_multicast::stop_server_event_thread() {
+  shared_state& shared = *m_shared;
+  if (t_shared == &shared) {
+    shared.stop.store(true);
+    return true;
+  }
+  shared.stop_waiters.fetch_add(1);
+  shared.stop.store(true);
+  wait_thread_ended(false);
+  shared.stop_waiters.fetch_sub(1);
+  return true;
+}
+
+// Returns when the thread has ended or, when limited, after about 5 s inside a callback; then it is
+// abandoned (false).
+bool socket_multicast::wait_thread_ended(bool limited) {
+  shared_state& shared = *m_shared;
+  for (int polls = 0; !shared.ended.load(); polls += limited ? 1 : 0) {
+    if (polls >= k_thread_polls) {
+      for (event_thread_place place : {k_place_in_callback, k_place_not_started}) {
+        if (shared.place.compare_exchange_strong(place, k_place_abandoned)) return false;
+      }
+    }
+    vl_sleep(k_thread_poll_ms);
+  }
+  return true;
+}
+
+void* socket_multicast::event_thread_entry(void* start) {
+  const std::unique_ptr<event_thread_start> owned(static_cast<event_thread_start*>(start));
+  vl_name_thread("kav-multicast");
+  event_thread_place place = k_place_not_started;
+  if (owned->shared->place.compare_exchange_strong(place, k_place_in_object)) {
+    owned->object->on_socket_server_event_thread();
+  } else {
+    owned->shared->ended.store(true);
+  }
+  return nullptr;
+}
+
+void* socket_multicast::socket_server_event_thread(void* multicast) {
+  if (multicast != nullptr) {
+    static_cast<socket_multicast*>(multicast)->on_socket_server_event_thread();
+  }
+  return nullptr;
+}
+
+void socket_multicast::on_socket_server_event_thread() {
+  const std::shared_ptr<shared_state> shared = m_shared;  // outlives the object
+  shared->ended.store(false);
+  shared->place.store(k_place_in_object);
+  t_shared = shared.get();
+  wait_errors errors;
+  bool stays = true;
+  while (stays) {
+    try {
+      stays = event_loop_step(*shared, errors);
+    } catch (const std::bad_alloc&) {  // one datagram is lost, as when the system lacks a buffer
+      vl_sleep(k_error_pause_ms);
+      stays = shared->leave_callback() && !shared->stop.load();
+    }
+  }
+  t_shared = nullptr;
+  shared->ended.store(true);  // last touch: the owner may delete us
+}
+
+// False: the thread ends, and the object may be gone.
+bool socket_multicast::event_loop_step(shared_state& shared, wait_errors& errors) {
+  epoll_event events[k_events_per_wait];
+  const std::shared_ptr<opening> opened = shared.current();
+  int ready = -1;
+  int error = EBADF;
+  if (opened != nullptr) {
+    const shared_descriptor::lease epoll(opened->epoll);
+    ready = ::epoll_wait(epoll.get(), events, k_events_per_wait, k_epoll_wait_ms);
+    error = errno;
+  }
+  if (ready < 0) {
+    proc_thread_error(error, opened == nullptr ? -1 : opened->epoll.number(), errors);
+    if (error != EINTR) vl_sleep(k_error_pause_ms);
+  }
+  for (int i = 0; i < ready; ++i) {
+    // A callback may have closed it, and the number may be somebody else's by now.
+    const std::shared_ptr<channel> target = opened->find(events[i].data.fd);
+    if (target == nullptr || !target->socket.is_open()) continue;
+    proc_event(events[i]);
+    if (shared.is_abandoned()) return false;
+  }
+  return !shared.stop.load();
+}
+
+bool socket_multicast::proc_event(const epoll_event& event) {
+  const shared_state* const shared = m_shared.get();  // kept by the event thread
+  const int sock = event.data.fd;
+  bool stays = false;
+  if ((event.events & EPOLLIN) != 0) {
+    stays = event_multicast_client_receive(sock);
+  } else if ((event.events & EPOLLOUT) == 0) {
+    event_multicast_client_error(sock);
+  } else {
+    stays = event_multicast_client_send(sock);
+  }
+  if (shared->is_abandoned() || stays) return true;
+  return event_multicast_client_close(sock, false);
+}
+
+bool socket_multicast::event_multicast_client_receive(const int& sock) {
+  const std::shared_ptr<shared_state> shared = m_shared;
+  const bool on_event_thread = t_shared == shared.get();
+  std::unique_ptr<datagram_buffer> buffer;
+  if (on_event_thread) buffer = std::move(shared->buffer);
+  if (buffer == nullptr) buffer = std::make_unique<datagram_buffer>();
+  ssize_t received = -1;
+  int error = 0;
+  {
+    const descriptor_use use(*shared, sock);
+    channel* const unit_channel = use.unit_channel();
+    std::uint32_t drops = unit_channel == nullptr ? 0 : unit_channel->system_drops.load();
+    received = buffer->receive(use.get(), drops);
+    error = errno;
+    if (unit_channel != nullptr) unit_channel->count_drops(drops);
+  }
+  if (received < 0) {
+    log_msg(format_str("server receive remote client readline error(n_recved=%d, errno=%d)",
+                       static_cast<int>(received), error)
+                .c_str());
+    event_multicast_client_error(sock);
+  }
+  int id = -1;
+  int unit_socket = -1;
+  if (received > 0) {
+    const mutex_locker guard(shared->lock);
+    const auto at = shared->units_by_socket.find(sock);
+    if (at != shared->units_by_socket.end()) {
+      id = at->second->id;
+      unit_socket = at->second->socket;
+    }
+  }
+  if (id >= 0) {
+    report_user(EVENT_RECEIVE, id, buffer->data(), static_cast<unsigned>(received), unit_socket);
+  }
+  if (on_event_thread) shared->buffer = std::move(buffer);
+  return received > 0;
+}
+
+bool socket_multicast::event_multicast_client_send(const int& sock) {
+  int id = -1;
+  {
+    const mutex_locker guard(m_shared->lock);
+    const auto at = m_shared->units_by_socket.find(sock);
+    if (at != m_shared->units_by_socket.end()) id = at->second->id;
+  }
+  if (id >= 0) report_user(EVENT_SEND, id, nullptr, 0, sock);
+  return true;
+}
+
+bool socket_multicast::event_multicast_client_error(const int&) { return true; }
+
+bool socket_multicast::event_multicast_client_close(const int& sock, bool local) {
+  const std::shared_ptr<shared_state> shared = m_shared;
+  const int number = sock;  // the caller's variable may be the unit's
+  int id = -1;
+  {
+    const mutex_locker guard(shared->lock);
+    const auto at = shared->units_by_socket.find(number);
+    if (at != shared->units_by_socket.end()) {
+      id = at->second->id;
+      shared->units_by_socket.erase(at);  // nobody else closes it
+    }
+  }
+  if (id >= 0) {
+    report_user(local ? EVENT_LOCALE_DISCONNECT : EVENT_REMOTE_DISCONNECT, id, nullptr, 0, number);
+    if (shared->object_gone.load()) return true;  // which has closed and deleted everything
+    delete_unit(id);
+  }
+  descriptor_use(*shared, number).close();
+  return true;
+}
+
+void socket_multicast::delete_unit(int id) {
+  multicast_unit* unit = nullptr;
+  int reopened = -1;
+  {
+    const mutex_locker guard(m_shared->lock);
+    const auto at = m_shared->units_by_id.find(id);
+    if (at == m_shared->units_by_id.end())
+      return;  // a callback has lost it in a failed sock_init()
+    unit = at->second;
+    m_shared->units_by_id.erase(at);
+    // The alias goes, also when it names a later unit by now; an empty one stays with that.
+    const auto named = m_shared->units_by_alias.find(unit->alias);
+    if (named != m_shared->units_by_alias.end() &&
+        (!unit->alias.empty() || named->second == unit)) {
+      m_shared->units_by_alias.erase(named);
+    }
+    const auto opened = m_shared->units_by_socket.find(unit->socket);
+    if (opened != m_shared->units_by_socket.end() && opened->second == unit) {
+      reopened = unit->socket;  // by the callback that was told of its end
+      m_shared->units_by_socket.erase(opened);
+    }
+  }
+  if (reopened >= 0) descriptor_use(*m_shared, reopened).close();
+  free_multicast_unit(unit);
+}
+
+bool socket_multicast::report_user(SOCKET_EVENT event, int id, const char* data, unsigned size,
+                                   int sock) {
+  shared_state& shared = *m_shared;
+  const socket_callback callback = shared.callback.load();
+  if (callback == nullptr) return false;
+  void* const user = shared.user.load();
+  socket_param param(event, id, &data, size, sock);
+  {
+    const mutex_locker guard(shared.lock);
+    const auto at = shared.units_by_id.find(id);
+    if (at != shared.units_by_id.end()) {
+      if (at->second == nullptr) return false;
+      param.set_alias(at->second->alias);
+    }
+  }
+  // From here on the object may go: only the event thread, which keeps the state, looks at it.
+  const bool enters = t_shared == &shared && shared.place.load() == k_place_in_object;
+  if (enters) shared.place.store(k_place_in_callback);
+  callback(param, user);
+  if (enters) shared.leave_callback();
+  return true;
+}
+
+int socket_multicast::sock_send(const char* data, int len, int id) {
+  int sock = -1;
+  bool known = false;
+  {
+    const mutex_locker guard(m_shared->lock);
+    const auto at = m_shared->units_by_id.find(id);
+    known = at != m_shared->units_by_id.end() && at->second != nullptr;
+    if (known) sock = at->second->socket;
+  }
+  if (!known) {
+    log_msg(format_str("find the sock failed by id (%d)\n", id).c_str());
+    return -1;
+  }
+  int sent = -1;
+  if (len >= 0 && (len == 0 || data != nullptr)) {
+    const descriptor_use use(*m_shared, sock);
+    sent = static_cast<int>(::send(use.get(), data, static_cast<std::size_t>(len), MSG_NOSIGNAL));
+  }
+  report_user(EVENT_SEND, id, data, static_cast<unsigned>(sent), sock);
+  return sent;
+}
+
+int socket_multicast::sock_send(const char* data, int len, const std::string& alias) {
+  int id = -1;
+  {
+    const mutex_locker guard(m_shared->lock);
+    const auto at = m_shared->units_by_alias.find(alias);
+    if (at == m_shared->units_by_alias.end() || at->second == nullptr) return -1;
+    id = at->second->id;
+  }
+  return sock_send(data, len, id);
+}
+
+bool socket_multicast::disconnect_multicast(int id) {
+  int sock = -1;
+  bool known = false;
+  {
+    const mutex_locker guard(m_shared->lock);
+    const auto at = m_shared->units_by_id.find(id);
+    known = at != m_shared->units_by_id.end() && at->second != nullptr;
+    if (known) sock = at->second->socket;
+  }
+  if (known) return event_multicast_client_close(sock, true);
+  log_msg(format_str("disconnect client but, find the sock failed by id (%d) \n", id).c_str());
+  return false;
+}
+
+bool socket_multicast::disconnect_multicast(const std::string& alias) {
+  int id = -1;
+  {
+    const mutex_locker guard(m_shared->lock);
+    const auto at = m_shared->units_by_alias.find(alias);
+    if (at == m_shared->units_by_alias.end() || at->second == nullptr) return false;
+    id = at->second->id;
+  }
+  return disconnect_multicast(id);
+}
+
+unsigned long long socket_multicast::get_dropped(int id) {
+  const mutex_locker guard(m_shared->lock);
+  const auto at = m_shared->units_by_id.find(id);
+  if (at == m_shared->units_by_id.end() || at->second == nullptr) return 0;
+  if (m_shared->opened == nullptr) return 0;
+  const std::shared_ptr<channel> unit_channel = m_shared->opened->find(at->second->socket);
+  return unit_channel == nullptr ? 0 : unit_channel->dropped.load(std::memory_order_acquire);
+}
+
+bool socket_multicast::set_sock_options(const int& sock) {
+  const linger reset{1, 0};
+  return set_option(sock, IPPROTO_TCP, TCP_NODELAY, 1) &&
+         ::setsockopt(sock, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset)) == 0;
+}
+
+// Only the first error of each kind is told.
+void socket_multicast::proc_thread_error(int error, int epoll, wait_errors& errors) {
+  switch (error) {
+    case EINTR:
+      if (++errors.interrupted == 1) {
+        log_msg(
+            "epoll_waite error! the call was interrupted by a signal handler before any of the "
+            "requested events occurred or timeout expired. error times(1)\n ");
+      }
+      break;
+    case EBADF:
+      if (++errors.bad_descriptor == 1) {
+        log_msg(format_str("epoll_waite error! epoll_handle:%d  is not a valid file descriptor. "
+                           "error times(1) \n",
+                           epoll)
+                    .c_str());
+      }
+      break;
+    case EFAULT:
+      if (++errors.bad_address == 1) {
+        log_msg("epoll_waite error! epoll_event is not accessible with write. error times(1)\n ");
+      }
+      break;
+    case EINVAL:
+      if (++errors.invalid_argument == 1) {
+        log_msg(
+            "epoll_waite error! m_epoll_handle is not an epoll file descriptor, or maxevents is "
+            "less than or equal to zero. error times(1)");
+      }
+      break;
+    default:
+      if (++errors.other == 1) {
+        log_msg("epoll_waite error! undefine wait error. error times(1)\n");
+      }
+      break;
+  }
+}
+
+void socket_multicast::sock_set_context(socket_context* context) {
+  m_context.store(context, std::memory_order_release);
+}
+
+void socket_multicast::log_msg(const char* text) {
+  write_log_text(m_context.load(std::memory_order_acquire), text);
+}
+
+}  // namespace SOCK
+}  // namespace VORLAN

@@ -1,0 +1,141 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>    // std::chrono_literals
+#include <optional>  // std::optional
+#include <string>    // std::string
+#include <variant>   // std::get
+#include <vector>    // std::vector
+
+#include "apps/watch/options.h"
+
+namespace kav_watch {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+const std::vector<std::string> k_login{"--server", "127.0.0.1:9000", "--user", "me"};
+
+parsed_options parse(std::vector<std::string> arguments,
+                     std::optional<std::string> environment = "secret", bool with_login = true) {
+  if (with_login) arguments.insert(arguments.begin(), k_login.begin(), k_login.end());
+  std::vector<const char*> argv{"kav-watch"};
+  for (const std::string& argument : arguments) argv.push_back(argument.c_str());
+  return parse_options(static_cast<int>(argv.size()), argv.data(), std::move(environment));
+}
+
+watch_options accepted(const parsed_options& parsed) {
+  if (const auto* refused = std::get_if<outcome>(&parsed)) ADD_FAILURE() << refused->message;
+  return std::get<watch_options>(parsed);
+}
+
+std::string refusal(const parsed_options& parsed) {
+  if (!std::holds_alternative<outcome>(parsed)) return "not refused";
+  EXPECT_EQ(exit_status::bad_option, std::get<outcome>(parsed).status);
+  const std::string& message = std::get<outcome>(parsed).message;
+  EXPECT_EQ(std::string::npos, message.find('\n'));
+  return message;
+}
+
+TEST(watch_options, what_is_not_given_has_its_default) {
+  const watch_options options = accepted(parse({}));
+  EXPECT_STREQ("127.0.0.1", options.server.m_ServerIp);
+  EXPECT_EQ(9000, options.server.m_ServerPort);
+  EXPECT_EQ("me", options.user);
+  EXPECT_EQ("secret", options.password);
+  EXPECT_TRUE(options.symbols.empty());
+  EXPECT_EQ(output_format::automatic, options.format);
+  EXPECT_FALSE(options.count);
+  EXPECT_FALSE(options.duration);
+  EXPECT_EQ(10s, options.timeout);
+  EXPECT_FALSE(options.list_only || options.keep_going || options.verbose || options.green_up);
+}
+
+TEST(watch_options, everything_can_be_given) {
+  const watch_options options = accepted(
+      parse({"--password", "-p w", "--format", "csv", "--count", "5", "--seconds", "1.5",
+             "--timeout", "2", "--list", "--keep-going", "IF2509", "Au(T+D)", "IF2509", "-v"}));
+  EXPECT_EQ("-p w", options.password);
+  EXPECT_THAT(options.symbols, ElementsAre("IF2509", "Au(T+D)"));
+  EXPECT_EQ(output_format::csv, options.format);
+  EXPECT_EQ(5u, options.count);
+  EXPECT_EQ(1500ms, options.duration);
+  EXPECT_EQ(2s, options.timeout);
+  EXPECT_TRUE(options.list_only && options.keep_going && options.verbose);
+}
+
+TEST(watch_options, each_format_has_its_name) {
+  EXPECT_EQ(output_format::table, accepted(parse({"--format", "table"})).format);
+  EXPECT_EQ(output_format::plain, accepted(parse({"--format", "plain"})).format);
+  EXPECT_EQ(output_format::json, accepted(parse({"--format=json"})).format);
+  EXPECT_THAT(refusal(parse({"--format", "xml"})), HasSubstr("--format"));
+  EXPECT_THAT(refusal(parse({"--format", "1"})), HasSubstr("--format"));
+}
+
+TEST(watch_options, a_missing_server_or_user_is_refused) {
+  EXPECT_THAT(refusal(parse({"--user", "me"}, "secret", false)), HasSubstr("--server"));
+  EXPECT_THAT(refusal(parse({"--server", "127.0.0.1:1"}, "secret", false)), HasSubstr("--user"));
+}
+
+TEST(watch_options, a_missing_password_is_refused_and_an_empty_one_is_not) {
+  EXPECT_THAT(refusal(parse({}, std::nullopt)), HasSubstr("KAV_PASSWORD"));
+  EXPECT_EQ("", accepted(parse({}, "")).password);
+  EXPECT_EQ("", accepted(parse({"--password", ""}, std::nullopt)).password);
+}
+
+TEST(watch_options, a_password_argument_wins_over_the_environment) {
+  EXPECT_EQ("other", accepted(parse({"--password=other"})).password);
+}
+
+TEST(watch_options, texts_that_the_login_would_cut_are_refused) {
+  EXPECT_EQ(std::string(15, 'u'),
+            accepted(parse({"--server", "127.0.0.1:1", "--user", std::string(15, 'u')}, "s", false))
+                .user);
+  EXPECT_THAT(
+      refusal(parse({"--server", "127.0.0.1:1", "--user", std::string(16, 'u')}, "s", false)),
+      HasSubstr("15 bytes"));
+  EXPECT_EQ(32u, accepted(parse({}, std::string(32, 'p'))).password.size());
+  EXPECT_THAT(refusal(parse({}, std::string(33, 'p'))), HasSubstr("32 bytes"));
+}
+
+TEST(watch_options, a_misspelled_password_option_does_not_show_the_password) {
+  EXPECT_THAT(refusal(parse({"--pasword", "hunter2"})), Not(HasSubstr("hunter2")));
+  EXPECT_THAT(refusal(parse({"--pasword=hunter2"})), Not(HasSubstr("hunter2")));
+}
+
+TEST(watch_options, numbers_out_of_range_are_refused) {
+  for (const char* option : {"--count", "--seconds", "--timeout"}) {
+    for (const char* value : {"0", "-1", "x", "nan", "1e300"}) {
+      EXPECT_THAT(refusal(parse({option, value})), HasSubstr(option)) << value;
+    }
+  }
+}
+
+TEST(watch_options, a_server_is_a_dotted_address_and_a_port) {
+  EXPECT_EQ(65535, parse_server("255.255.255.255:65535")->m_ServerPort);
+  EXPECT_STREQ("255.255.255.255", parse_server("255.255.255.255:65535")->m_ServerIp);
+  for (const char* text : {"", "127.0.0.1", "127.0.0.1:", "127.0.0.1:0", "127.0.0.1:65536",
+                           "127.0.0.1:9x", "127.0.0.1: 9", "127.1:9", "host:9", ":9", "::1:9"}) {
+    EXPECT_FALSE(parse_server(text)) << text;
+  }
+}
+
+TEST(watch_options, help_explains_statuses_keys_and_the_safer_password) {
+  const parsed_options parsed = parse({"--help"}, std::nullopt, false);
+  const std::string& help = std::get<information>(parsed).text;
+  for (const char* part : {"Exit statuses", "9  output could not be written", "PgUp", "Examples",
+                           "KAV_PASSWORD is safer", "--keep-going", "--timeout"}) {
+    EXPECT_THAT(help, HasSubstr(part));
+  }
+}
+
+TEST(watch_options, version_names_the_program) {
+  const parsed_options parsed = parse({"--version"}, std::nullopt, false);
+  EXPECT_THAT(std::get<information>(parsed).text, testing::StartsWith("kav-watch 1."));
+}
+
+}  // namespace
+}  // namespace kav_watch

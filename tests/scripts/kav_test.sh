@@ -1,0 +1,277 @@
+#!/usr/bin/env bash
+# kav_test.sh KAV FOLDER TEST: runs one of the functions below. FOLDER is emptied first and is all
+# that the test writes to.
+set -euo pipefail
+readonly kav=$1 folder=$2 test=$3
+rm -rf -- "$folder"
+mkdir -p -- "$folder"
+
+fail() {
+  printf 'failed: %s\n' "$*" >&2
+  exit 1
+}
+
+# Runs a command; sets `status`, and `out` and `err` to what it wrote.
+run() {
+  status=0
+  "$@" >"$folder/out" 2>"$folder/err" </dev/null || status=$?
+  out=$(<"$folder/out")
+  err=$(<"$folder/err")
+}
+
+expect_status() { [[ $status == "$1" ]] || fail "status $status instead of $1: $err"; }
+expect_one_line() { [[ -n $1 && $1 != *$'\n'* ]] || fail "not one line: '$1'"; }
+expect_text() { [[ $1 == *"$2"* ]] || fail "'$2' is not in: $1"; }
+
+commands_of_script() { sed -nE 's/^cmd_([a-z]+)\(\).*/\1/p' "$kav" | sort; }
+commands_of_help() {
+  "$kav" help | sed -n '/^Commands:/,/^$/p' | sed -nE 's/^  ([a-z]+)( .*)?$/\1/p' | sort
+}
+
+help_lists_every_command_and_no_other() {
+  local in_script in_help
+  in_script=$(commands_of_script)
+  in_help=$(commands_of_help | grep -vx help)
+  (($(wc -l <<<"$in_script") > 5)) || fail "commands of the script not found: $in_script"
+  [[ $in_script == "$in_help" ]] || fail "script: $in_script; help: $in_help"
+}
+
+an_unknown_command_exits_2_with_one_line() {
+  run "$kav" nonsense
+  expect_status 2
+  expect_one_line "$err"
+  expect_text "$err" nonsense
+  [[ -z $out ]] || fail "standard output is not empty: $out"
+}
+
+wrong_arguments_exit_2_with_one_line() {
+  local line arguments
+  for line in "demo --seconds" "demo --seconds 0" "demo --seconds two" "demo --seconds=" \
+    "demo --nonsense" "demo /nowhere/ticks.csv" "demo $kav $kav" "build nonsense" \
+    "build dev asan" "sanitize nonsense" "format nonsense" "tidy nonsense" "scripts nonsense" \
+    "setup nonsense" "clean nonsense"; do
+    read -ra arguments <<<"$line"
+    run "$kav" "${arguments[@]}"
+    [[ $status == 2 ]] || fail "kav $line: status $status"
+    expect_one_line "$err"
+  done
+}
+
+the_script_works_from_any_folder_and_through_a_link() {
+  local expected
+  expected=$("$kav" help)
+  ln -s -- "$kav" "$folder/link"
+  cd /
+  [[ $("$folder/link" help) == "$expected" ]] || fail "another help through a link"
+  run "$folder/link" build nonsense
+  expect_status 2
+}
+
+# ---- installing, with an apt-get of our own ----
+
+# Makes $folder/bin: the machine's commands, but for those that the project needs and for apt-get.
+# A g++ that accepts everything makes all headers seem to be there.
+make_bare_machine() {
+  mkdir -- "$folder/bin"
+  ln -s -f -t "$folder/bin" -- /bin/* /usr/bin/*
+  rm -f -- "$folder"/bin/{ninja,clang++,clang-format,clang-tidy,shellcheck,git,cmake,g++,apt-get,sudo}
+  make_command g++
+  make_command cmake
+  make_command git
+  # Without root the script asks for sudo.
+  # shellcheck disable=SC2016
+  make_command sudo '[[ $1 != -n ]] || shift; exec "$@"'
+}
+
+make_command() {  # NAME [BODY]
+  printf '#!/bin/bash\n%s\n' "${2:-cat >/dev/null}" >"$folder/bin/$1"
+  chmod +x "$folder/bin/$1"
+}
+
+# An apt-get that writes down how it is called and "installs" every package by its command.
+make_apt_get() {  # [TEXT to run first]
+  make_command apt-get "echo \"\$*\" >>'$folder/apt.log'
+    ${1:-}
+    [[ \$* == *' install '* ]] || exit 0
+    for command in ninja clang++ clang-format clang-tidy shellcheck; do
+      ln -s -f /bin/true '$folder/bin/'\$command
+    done"
+}
+
+run_setup() { run env PATH="$folder/bin" "$kav" setup; }
+
+what_is_missing_is_named_and_installed() {
+  make_bare_machine
+  make_apt_get
+  run_setup
+  expect_status 0
+  expect_text "$err" "installing ninja-build: "
+  expect_text "$(<"$folder/apt.log")" \
+    "install -y --no-install-recommends ninja-build clang-format clang clang-tidy shellcheck"
+  [[ $(<"$folder/apt.log") != *update* ]] || fail "the lists were fetched without need"
+}
+
+package_lists_are_fetched_only_when_an_installation_fails() {
+  make_bare_machine
+  # shellcheck disable=SC2016
+  make_apt_get "[[ \$* != *' update'* ]] || { touch '$folder/updated'; exit 0; }
+    [[ -e '$folder/updated' ]] || exit 100"
+  run_setup
+  expect_status 0
+  [[ $(grep -oE ' (update|install) ?' "$folder/apt.log" | tr -d ' \n') == installupdateinstall ]] ||
+    fail "calls: $(<"$folder/apt.log")"
+}
+
+nothing_is_installed_when_nothing_is_missing() {
+  local command
+  make_bare_machine
+  make_apt_get
+  for command in ninja clang++ clang-format clang-tidy shellcheck; do make_command "$command"; done
+  run_setup
+  expect_status 0
+  [[ ! -e $folder/apt.log && -z $err ]] || fail "it said: $err"
+}
+
+without_apt_get_one_line_tells_what_to_install() {
+  make_bare_machine
+  run_setup
+  expect_status 3
+  expect_one_line "$err"
+  expect_text "$err" "apt-get install ninja-build clang-format clang clang-tidy shellcheck"
+}
+
+# ---- the demo ----
+
+# The processes that have our TMPDIR: the demo's own, whatever else runs on the machine.
+demo_processes() {
+  local environment
+  for environment in /proc/[0-9]*/environ; do
+    if grep -sqzxF "TMPDIR=$folder/tmp" "$environment"; then
+      basename -- "$(dirname -- "$environment")"
+    fi
+  done
+}
+
+# A test that fails leaves no process behind either.
+end_demo_processes() {
+  local processes
+  mapfile -t processes < <(demo_processes)
+  ((${#processes[@]} == 0)) || kill -KILL "${processes[@]}" 2>/dev/null || true
+}
+
+wait_until() {  # SECONDS COMMAND...
+  local deadline=$((SECONDS + $1))
+  shift
+  until "$@"; do
+    ((SECONDS < deadline)) || return 1
+    sleep 0.1
+  done
+}
+
+demo_has_ended() { ! kill -0 "$demo_pid" 2>/dev/null; }
+no_demo_process() { [[ -z $(demo_processes) ]]; }
+has_lines() { (($(wc -l <"$folder/out") >= $1)); }
+
+expect_nothing_left() {
+  wait_until 10 no_demo_process || fail "still running: $(demo_processes)"
+  [[ -z $(ls -A -- "$folder/tmp") ]] || fail "files left: $(ls -A -- "$folder/tmp")"
+}
+
+run_demo() {  # ARGUMENTS: in a folder of its own, its output into a pipe
+  mkdir -- "$folder/tmp"
+  cd -- "$folder"
+  # shellcheck disable=SC2016
+  run env TMPDIR="$folder/tmp" bash -c 'set -o pipefail; "$@" | cat' - "$kav" demo "$@"
+}
+
+# Starts the demo in the background, and waits for its first quotes; sets demo_pid.
+start_demo() {
+  mkdir -- "$folder/tmp"
+  : >"$folder/out"
+  TMPDIR="$folder/tmp" "$kav" demo >"$folder/out" 2>"$folder/err" </dev/null &
+  demo_pid=$!
+  wait_until 600 has_lines 3 || fail "no quotes: $(<"$folder/err")"
+}
+
+the_demo_shows_quotes() {
+  run_demo --seconds 3
+  expect_status 0
+  has_lines 3 || fail "too few lines: $out; $err"
+  [[ $out != *$'\e'* ]] || fail "not plain: $out"
+  [[ $out =~ [0-9]{2}:[0-9]{2}:[0-9]{2} ]] || fail "no times: $out"
+  expect_nothing_left
+}
+
+the_demo_replays_a_tick_file() {
+  local row
+  {
+    printf 'TradingDay,InstrumentID,ExchangeID,LastPrice,PreSettlementPrice,PreClosePrice,'
+    printf 'PreOpenInterest,OpenPrice,HighestPrice,LowestPrice,Volume,Turnover,OpenInterest,'
+    printf 'UpperLimitPrice,LowerLimitPrice,UpdateTime,UpdateMillisec'
+    printf ',BidPrice%d,BidVolume%d,AskPrice%d,AskVolume%d' 1 1 1 1 2 2 2 2 3 3 3 3 4 4 4 4 5 5 5 5
+    printf '\n'
+    for row in 1 2 3; do
+      printf '20250901,ZZ2509,SHFE,4711.5,1,1,1,1,1,1,%d,1,1,9,1,09:00:0%d,0,4711,1,4712,1' \
+        "$row" "$row"
+      printf ',%.0s' {1..16}
+      printf '\n'
+    done
+  } >"$folder/ticks.csv"
+  run_demo ticks.csv --seconds 5
+  expect_status 0
+  expect_text "$out" ZZ2509
+  expect_text "$out" 4711.5
+  expect_nothing_left
+}
+
+the_demo_ends_well_when_it_is_interrupted() {
+  start_demo
+  kill -TERM "$demo_pid"
+  status=0
+  wait "$demo_pid" || status=$?
+  [[ $status == 0 ]] || fail "status $status: $(<"$folder/err")"
+  expect_nothing_left
+}
+
+has_text() { grep -qF -- "$1" "$folder/out"; }
+
+has_screen_or_end() { has_text $'\e[?1049h' || demo_has_ended; }
+
+the_demo_is_a_table_in_a_terminal_and_ctrl_c_ends_it_well() {
+  local keys
+  mkdir -- "$folder/tmp"
+  mkfifo -- "$folder/keys"
+  exec {keys}<>"$folder/keys"
+  # Background jobs ignore SIGINT from birth, people's shells do not.
+  env --default-signal=INT TERM=xterm TMPDIR="$folder/tmp" \
+    script -q -e -c "'$kav' demo" /dev/null <"$folder/keys" >"$folder/out" 2>"$folder/err" &
+  demo_pid=$!
+  wait_until 600 has_screen_or_end || fail "no screen: $(<"$folder/out")"
+  has_text $'\e[?1049h' || fail "no screen: $(<"$folder/out") $(<"$folder/err")"
+  wait_until 30 has_text SHFE || fail "no quotes: $(<"$folder/out")"
+  printf '\003' >&"$keys"
+  wait_until 30 demo_has_ended || fail "Ctrl-C did not end it"
+  status=0
+  wait "$demo_pid" || status=$?
+  [[ $status == 0 ]] || fail "status $status: $(<"$folder/out")"
+  has_text $'\e[?1049l' || fail "the screen was not given back"
+  expect_nothing_left
+}
+
+the_demo_leaves_nothing_behind_when_it_is_killed() {
+  start_demo
+  kill -KILL "$demo_pid"
+  wait "$demo_pid" 2>/dev/null || true
+  wait_until 10 no_demo_process || fail "still running: $(demo_processes)"
+}
+
+the_demo_ends_when_nobody_reads_it() {
+  mkdir -- "$folder/tmp"
+  # shellcheck disable=SC2016
+  run env TMPDIR="$folder/tmp" bash -c '"$1" demo | head -n 2' - "$kav"
+  has_lines 2 || fail "too few lines: $out; $err"
+  expect_nothing_left
+}
+
+trap end_demo_processes EXIT
+"$test"
