@@ -242,9 +242,11 @@ the_demo_is_a_table_in_a_terminal_and_ctrl_c_ends_it_well() {
   mkdir -- "$folder/tmp"
   mkfifo -- "$folder/keys"
   exec {keys}<>"$folder/keys"
-  # Background jobs ignore SIGINT from birth, people's shells do not.
+  : >"$folder/out"
+  # Background jobs ignore SIGINT from birth, people's shells do not. `script` starts the user's
+  # shell, which must not stay between the keys and the demo: some shells end at once at Ctrl-C.
   env --default-signal=INT TERM=xterm TMPDIR="$folder/tmp" \
-    script -q -e -c "'$kav' demo" /dev/null <"$folder/keys" >"$folder/out" 2>"$folder/err" &
+    script -q -e -c "exec '$kav' demo" /dev/null <"$folder/keys" >"$folder/out" 2>"$folder/err" &
   demo_pid=$!
   wait_until 600 has_screen_or_end || fail "no screen: $(<"$folder/out")"
   has_text $'\e[?1049h' || fail "no screen: $(<"$folder/out") $(<"$folder/err")"
