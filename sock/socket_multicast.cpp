@@ -42,12 +42,15 @@ constexpr std::size_t k_datagram_bytes = 65'535;  // more than any UDP datagram 
 // Readable zeros behind the longest datagram: a decoder may look at a whole record of a short one.
 constexpr std::size_t k_zeros_behind = 264;
 
+// False, with errno EINVAL: no dotted IPv4 text.
 bool parse_endpoint(const std::string& ip, unsigned short port, sockaddr_in& endpoint) {
   endpoint = {};
   endpoint.sin_family = AF_INET;
   endpoint.sin_port = htons(port);
-  return ip.find('\0') == std::string::npos &&
-         ::inet_pton(AF_INET, ip.c_str(), &endpoint.sin_addr) == 1;
+  const bool valid = ip.find('\0') == std::string::npos &&
+                     ::inet_pton(AF_INET, ip.c_str(), &endpoint.sin_addr) == 1;
+  if (!valid) errno = EINVAL;
+  return valid;
 }
 
 bool set_nonblocking(int sock) {
@@ -79,17 +82,23 @@ bool join_group(int sock, in_addr group, in_addr interface) {
   return ::setsockopt(sock, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof(request)) == 0;
 }
 
-bool open_receiver(int sock, const socket_multicast::multicast_unit& unit) {
+// `own_group`: the address whose datagrams it is to deliver.
+bool open_receiver(int sock, const socket_multicast::multicast_unit& unit, in_addr& own_group) {
   sockaddr_in group{}, local{}, any{};
   if (!parse_endpoint(unit.group_ip, unit.group_port, group) ||
       !parse_endpoint(unit.local_ip, unit.local_port, local)) {
     return false;
   }
+  own_group = group.sin_addr;
   any.sin_family = AF_INET;
   any.sin_port = group.sin_port;
   // Every socket of the host gets every group that anybody has joined unless it says that it does
-  // not want to, and that before it is bound: nothing may slip in.
-  if (!set_option(sock, IPPROTO_IP, IP_MULTICAST_ALL, 0)) return false;
+  // not want to, and that before it is bound: nothing may slip in. What is sent to the host itself
+  // can only be told by its destination.
+  if (!set_option(sock, IPPROTO_IP, IP_MULTICAST_ALL, 0) ||
+      !set_option(sock, IPPROTO_IP, IP_PKTINFO, 1)) {
+    return false;
+  }
   set_option(sock, SOL_SOCKET, SO_RXQ_OVFL, 1);  // without it drops are only not counted
   return set_option(sock, SOL_SOCKET, SO_REUSEADDR, 1) && set_nonblocking(sock) &&
          ::bind(sock, as_sockaddr(any), sizeof(any)) == 0 &&
@@ -97,12 +106,19 @@ bool open_receiver(int sock, const socket_multicast::multicast_unit& unit) {
          set_option(sock, SOL_SOCKET, SO_RCVBUF, k_receive_queue_bytes);
 }
 
+// What the system tells beside a datagram; left as it was where it tells nothing.
+struct datagram_facts {
+  std::uint32_t drops = 0;  // of the socket, so far
+  in_addr destination{};
+};
+
 // Zero behind each datagram. One thread at a time.
 class datagram_buffer {
  public:
-  // recvmsg() into the buffer. `drops` becomes the system's count when that comes along.
-  ssize_t receive(int sock, std::uint32_t& drops) {
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(drops))] = {};
+  // recvmsg() into the buffer.
+  ssize_t receive(int sock, datagram_facts& facts) {
+    alignas(cmsghdr) char
+        control[CMSG_SPACE(sizeof(facts.drops)) + CMSG_SPACE(sizeof(in_pktinfo))] = {};
     iovec bytes{m_bytes, k_datagram_bytes};
     msghdr message{};
     message.msg_iov = &bytes;
@@ -113,7 +129,7 @@ class datagram_buffer {
     const ssize_t received = ::recvmsg(sock, &message, MSG_DONTWAIT);
     if (received < 0) return received;
     clear_behind(static_cast<std::size_t>(received));
-    read_drops(message, drops);
+    read_facts(message, facts);
     return received;
   }
   const char* data() const { return m_bytes; }
@@ -124,10 +140,15 @@ class datagram_buffer {
     m_used = length;
   }
 
-  static void read_drops(msghdr& message, std::uint32_t& drops) {
+  static void read_facts(msghdr& message, datagram_facts& facts) {
     for (cmsghdr* part = CMSG_FIRSTHDR(&message); part; part = CMSG_NXTHDR(&message, part)) {
-      if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SO_RXQ_OVFL) continue;
-      std::memcpy(&drops, CMSG_DATA(part), sizeof(drops));
+      if (part->cmsg_level == SOL_SOCKET && part->cmsg_type == SO_RXQ_OVFL) {
+        std::memcpy(&facts.drops, CMSG_DATA(part), sizeof(facts.drops));
+      } else if (part->cmsg_level == IPPROTO_IP && part->cmsg_type == IP_PKTINFO) {
+        in_pktinfo info;
+        std::memcpy(&info, CMSG_DATA(part), sizeof(info));
+        facts.destination = info.ipi_addr;
+      }
     }
   }
 
@@ -147,7 +168,12 @@ struct socket_multicast::channel {
     dropped.fetch_add(system_count - before, std::memory_order_acq_rel);
   }
 
+  bool is_own(in_addr destination) const {
+    return group.s_addr == INADDR_ANY || destination.s_addr == group.s_addr;
+  }
+
   shared_descriptor socket;
+  in_addr group{};  // that a receiver has joined; none for a sender. Constant once shared.
   // Any thread.
   std::atomic<std::uint32_t> system_drops{0};
   std::atomic<unsigned long long> dropped{0};
@@ -192,6 +218,7 @@ struct socket_multicast::shared_state {
   std::map<std::string, multicast_unit*> units_by_alias KAV_GUARDED_BY(lock);
   std::uint32_t next_id KAV_GUARDED_BY(lock) = 0;
   std::shared_ptr<opening> opened KAV_GUARDED_BY(lock);  // the last one, also when closed
+  open_failure failure KAV_GUARDED_BY(lock);             // of the last sock_init()
   std::set<int> own_sockets KAV_GUARDED_BY(lock);  // every number that a unit's socket ever had
 
   // Any thread.
@@ -330,8 +357,12 @@ bool socket_multicast::sock_init(SOCK_MULTICAST_TYPE type, socket_callback cb, v
   sock_close();
   m_shared->callback.store(cb);
   m_shared->user.store(user);
+  set_open_failure(-1, 0);
   const int epoll = ::epoll_create1(EPOLL_CLOEXEC);
-  if (epoll < 0) return false;
+  if (epoll < 0) {
+    set_open_failure(-1, errno);
+    return false;
+  }
   const auto opened = std::make_shared<opening>();
   opened->epoll.open(epoll);
   if (!open_units(type, *opened)) {
@@ -342,14 +373,29 @@ bool socket_multicast::sock_init(SOCK_MULTICAST_TYPE type, socket_callback cb, v
     const mutex_locker guard(m_shared->lock);
     m_shared->opened = opened;
   }
-  return start_server_event_thread();
+  const bool started = start_server_event_thread();
+  if (!started) set_open_failure(-1, EAGAIN);  // what the system says when it has no thread to give
+  return started;
+}
+
+void socket_multicast::set_open_failure(int id, int error) {
+  const mutex_locker guard(m_shared->lock);
+  m_shared->failure = {id, error};
+}
+
+socket_multicast::open_failure socket_multicast::get_open_failure() {
+  const mutex_locker guard(m_shared->lock);
+  return m_shared->failure;
 }
 
 bool socket_multicast::open_units(SOCK_MULTICAST_TYPE type, opening& opened) {
   const mutex_locker guard(m_shared->lock);
   m_shared->units_by_socket.clear();
   for (const auto& [id, unit] : m_shared->units_by_id) {
-    if (unit == nullptr || !open_unit(type, *unit, opened)) return false;
+    if (unit == nullptr || !open_unit(type, *unit, opened)) {
+      m_shared->failure = {id, unit == nullptr ? EINVAL : errno};
+      return false;
+    }
     m_shared->own_sockets.insert(unit->socket);
     m_shared->units_by_socket[unit->socket] = unit;
   }
@@ -363,7 +409,8 @@ bool socket_multicast::open_unit(SOCK_MULTICAST_TYPE type, multicast_unit& unit,
   const auto unit_channel = std::make_shared<channel>();
   unit_channel->socket.open(sock);
   opened.channels[sock] = unit_channel;
-  const bool ready = type == MULTICAST_SEND ? open_sender(sock, unit) : open_receiver(sock, unit);
+  const bool ready = type == MULTICAST_SEND ? open_sender(sock, unit)
+                                            : open_receiver(sock, unit, unit_channel->group);
   if (!ready) return false;
   const shared_descriptor::lease epoll(opened.epoll);
   epoll_event event{};
@@ -521,13 +568,18 @@ bool socket_multicast::event_multicast_client_receive(const int& sock) {
   if (buffer == nullptr) buffer = std::make_unique<datagram_buffer>();
   ssize_t received = -1;
   int error = 0;
+  bool own = true;
   {
     const descriptor_use use(*shared, sock);
     channel* const unit_channel = use.unit_channel();
-    std::uint32_t drops = unit_channel == nullptr ? 0 : unit_channel->system_drops.load();
-    received = buffer->receive(use.get(), drops);
+    datagram_facts facts;
+    if (unit_channel != nullptr) facts.drops = unit_channel->system_drops.load();
+    received = buffer->receive(use.get(), facts);
     error = errno;
-    if (unit_channel != nullptr) unit_channel->count_drops(drops);
+    if (unit_channel != nullptr) {
+      unit_channel->count_drops(facts.drops);
+      own = unit_channel->is_own(facts.destination);
+    }
   }
   if (received < 0) {
     log_msg(format_str("server receive remote client readline error(n_recved=%d, errno=%d)",
@@ -537,7 +589,7 @@ bool socket_multicast::event_multicast_client_receive(const int& sock) {
   }
   int id = -1;
   int unit_socket = -1;
-  if (received > 0) {
+  if (received > 0 && own) {
     const mutex_locker guard(shared->lock);
     const auto at = shared->units_by_socket.find(sock);
     if (at != shared->units_by_socket.end()) {
@@ -549,7 +601,7 @@ bool socket_multicast::event_multicast_client_receive(const int& sock) {
     report_user(EVENT_RECEIVE, id, buffer->data(), static_cast<unsigned>(received), unit_socket);
   }
   if (on_event_thread) shared->buffer = std::move(buffer);
-  return received > 0;
+  return received > 0 || (received == 0 && !own);
 }
 
 bool socket_multicast::event_multicast_client_send(const int& sock) {

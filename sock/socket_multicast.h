@@ -19,7 +19,8 @@ enum SOCK_MULTICAST_TYPE : int {
 };
 
 // Several multicast groups, called units, each with a socket of its own. They are described first
-// and then opened all at once, either to receive or to send.
+// and then opened all at once, either to receive or to send. A receiving unit gets the datagrams of
+// its own group and no others: what is sent to the host's own address is left out.
 //
 // Threads:   sock_init() starts one detached event thread. It calls back for EVENT_RECEIVE and
 //            EVENT_REMOTE_DISCONNECT; EVENT_SEND comes on the sending thread and
@@ -90,6 +91,14 @@ class socket_multicast {
   // Does nothing and returns 0.
   int colse_all_connect();
 
+  // The unit that made the last sock_init() fail, and errno; -1 when it was no unit's fault, and 0
+  // after a success.
+  struct open_failure {
+    int id = -1;
+    int error = 0;
+  };
+  open_failure get_open_failure();
+
   // Datagrams for the unit that the system has dropped since it was opened, for want of buffer; as
   // told with the last datagram received. 0 for an unknown unit.
   unsigned long long get_dropped(int id);
@@ -116,6 +125,7 @@ class socket_multicast {
   class descriptor_use;
   static void* event_thread_entry(void* start);
 
+  void set_open_failure(int id, int error);
   bool open_units(SOCK_MULTICAST_TYPE type, opening& opened);
   bool open_unit(SOCK_MULTICAST_TYPE type, multicast_unit& unit, opening& opened);
   void forget_units();

@@ -263,6 +263,40 @@ TEST_F(socket_multicast_test, when_the_third_of_four_units_fails_all_are_closed_
   EXPECT_TRUE(receive());  // nothing is left to open
 }
 
+TEST_F(socket_multicast_test, what_could_not_be_opened_is_told_with_the_systems_reason) {
+  const auto failure_after = [this](const std::string& group_ip, const std::string& local_ip) {
+    add(1);
+    const int bad = m_receiver->add_multicast_param(group_ip, m_port.number(), local_ip, 0, "");
+    EXPECT_FALSE(receive());
+    EXPECT_EQ(bad, m_receiver->get_open_failure().id);
+    return m_receiver->get_open_failure().error;
+  };
+  EXPECT_EQ(EINVAL, failure_after("no address", k_local));
+  EXPECT_EQ(EINVAL, failure_after("10.0.0.1", k_local));
+  EXPECT_EQ(ENODEV, failure_after(group(2), "192.0.2.77"));
+  const owned_fd alone(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address = endpoint("0.0.0.0", 0);
+  socklen_t size = sizeof(address);
+  ASSERT_EQ(0, ::bind(alone.get(), reinterpret_cast<sockaddr*>(&address), size));
+  ASSERT_EQ(0, ::getsockname(alone.get(), reinterpret_cast<sockaddr*>(&address), &size));
+  const int in_use =
+      m_receiver->add_multicast_param(group(3), ntohs(address.sin_port), k_local, 0, "");
+  EXPECT_FALSE(receive());
+  EXPECT_EQ(in_use, m_receiver->get_open_failure().id);
+  EXPECT_EQ(EADDRINUSE, m_receiver->get_open_failure().error);
+  EXPECT_TRUE(receive());
+  EXPECT_EQ(-1, m_receiver->get_open_failure().id);
+  EXPECT_EQ(0, m_receiver->get_open_failure().error);
+}
+
+TEST_F(socket_multicast_test, a_thread_that_cannot_be_created_is_no_units_failure) {
+  add(1);
+  const kav_test::failing_thread_creation failing;
+  EXPECT_FALSE(receive());
+  EXPECT_EQ(-1, m_receiver->get_open_failure().id);
+  EXPECT_NE(0, m_receiver->get_open_failure().error);
+}
+
 TEST_F(socket_multicast_test, a_sender_whose_local_address_is_none_fails) {
   socket_multicast sender;
   sender.add_multicast_param(group(1), m_port.number(), "localhost", 0, "");
@@ -364,6 +398,22 @@ TEST_F(socket_multicast_test, groups_on_one_port_deliver_only_their_own) {
   for (const kav_test::seen_event& event : m_events.events()) {
     EXPECT_EQ(std::to_string(event.id), event.data);
   }
+}
+
+TEST_F(socket_multicast_test, a_datagram_to_the_host_itself_is_not_delivered_nor_closes_its_unit) {
+  const int id = add(1);
+  ASSERT_TRUE(open_both());
+  const sockaddr_in to = endpoint(k_local, m_port.number());
+  const owned_fd stranger(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  for (const std::string& bytes : {std::string("for the host"), std::string()}) {
+    ASSERT_EQ(static_cast<ssize_t>(bytes.size()),
+              ::sendto(stranger.get(), bytes.data(), bytes.size(), 0,
+                       reinterpret_cast<const sockaddr*>(&to), sizeof(to)));
+  }
+  ASSERT_TRUE(send("for the group", id));
+  ASSERT_TRUE(wait_received(1));
+  EXPECT_EQ("for the group", m_events.received());
+  EXPECT_EQ((event_list{EVENT_RECEIVE}), m_events.types());
 }
 
 TEST_F(socket_multicast_test, everything_behind_a_datagram_is_zero_also_after_a_longer_one) {
