@@ -26,7 +26,9 @@ constexpr std::chrono::seconds k_least_leave_limit{1};  // after a stop that too
 
 }  // namespace
 
-Ckqc_tcp::Ckqc_tcp() : m_life(std::make_shared<client_life>()) {}
+Ckqc_tcp::Ckqc_tcp() : m_life(std::make_shared<client_life>()) {
+  m_mc_decoder.set_event(&m_mc_target);
+}
 
 Ckqc_tcp::~Ckqc_tcp() {
   if (m_life->visited_by_this_thread()) {

@@ -13,9 +13,10 @@
 #include "api/kav_quote_api.h"
 #include "client/client_life.h"
 #include "client/kqc_connection.h"
+#include "client/kqc_multicast.h"
 #include "client/kqs_messages.h"
+#include "feeds/multicast_decoder.h"
 #include "sock/socket_cache_client.h"
-#include "sock/socket_multicast.h"
 #include "sock/socket_param.h"
 #include "sock/wake_event.h"
 #include "tools/helpers.h"
@@ -52,8 +53,9 @@ struct kqc_data_and_event {
 // Threads:   the caller's threads run the operations of KAVQuoteApi; the receive thread of the held
 //            connection runs the message handlers; its event thread reports losses; the worker
 //            ("kav-worker", one at most, from an accepted login to the end of the session) runs the
-//            functions named _th_...; short-lived threads ("kav-close") close broken connections.
-//            All of them are visitors of m_life meanwhile.
+//            functions named _th_...; short-lived threads ("kav-close") close broken connections;
+//            the thread of a reception of multicast groups ("kav-multicast") decodes. All of them
+//            are visitors of m_life meanwhile.
 // Shutdown:  the destructor ends the session and waits until nobody is inside. `delete` does so
 //            too, but gives up waiting after about ten seconds, or at once inside a callback, and
 //            leaves the deletion to the last thread that leaves.
@@ -121,6 +123,20 @@ class Ckqc_tcp : public KAVQuoteApi {
   unsigned int _th_check_and_register_symbol();
 
   void reset_register_symbol();
+
+  // ---- Multicast quotes, on the receiving thread: one at a time, since the decoder has no lock.
+  // A multicast receiver's callback; `context` is the McQuoteContext of the group. Decodes
+  // datagrams and ignores other events. The buffer's size, always: all of it has been dealt with.
+  static int mc_event_callback(VORLAN::SOCK::socket_param& param, void* context);
+  int on_receive_mc_data(VORLAN::SOCK::socket_param& param, int ignored, int exchange);
+  // What the last datagram was.
+  multicast_record last_mc_record() const { return m_last_mc_record; }
+
+  // ---- Reception of multicast groups beside the session; see api/kav_multicast.h.
+  int start_multicast(const KqsMulticastInfo* groups, unsigned count, KAVQuoteEvent* event,
+                      int* results);
+  void stop_multicast();
+  bool multicast_statistics(unsigned index, KAVMulticastStatistics* statistics);
 
  private:
   using connection_ptr = std::shared_ptr<kqc_connection>;
@@ -240,9 +256,36 @@ class Ckqc_tcp : public KAVQuoteApi {
   symbol_table m_registered KAV_GUARDED_BY(m_symbol_list_lock);
   symbol_table m_to_register KAV_GUARDED_BY(m_symbol_list_lock);
 
-  // Groups of exchange feeds; none in this version. The worker closes them with the session.
-  std::vector<std::unique_ptr<VORLAN::SOCK::socket_multicast>> m_multicast_receivers;
-  std::vector<KqsMulticastInfo> m_multicast_groups;
+  // Where decoded quotes go: to the object that multicast reception was started with, else to the
+  // session's.
+  class mc_quote_target : public KAVQuoteEvent {
+   public:
+    explicit mc_quote_target(Ckqc_tcp& client) : m_client(client) {}
+    void OnServerConnected() override {}
+    void OnServerDisconnected() override {}
+    void OnLoginResult(bool, const char*) override {}
+    void OnQuote(KavKqsIntrumentType type, KAVMarketDepthQuoteData* quote) override;
+    void OnLog(KavKqsLogLevel, const char*, int) override {}
+    void OnSymbolRegistered(KavKqsIntrumentType, const char*, bool) override {}
+    void OnSymbolUnregistered(KavKqsIntrumentType, const char*, bool) override {}
+    void OnSymbolList(KavKqsIntrumentType, const char*, bool) override {}
+
+   private:
+    Ckqc_tcp& m_client;
+  };
+  using reception_ptr = std::shared_ptr<kqc_multicast>;
+  reception_ptr reception();
+  int begin_reception(KAVQuoteEvent& event, unsigned groups, reception_ptr& out);
+  void end_reception(const reception_ptr& which);
+
+  mc_quote_target m_mc_target{*this};
+  std::atomic<KAVQuoteEvent*> m_mc_event{nullptr};  // changed while nothing is received
+  // Receiving thread only.
+  multicast_decoder m_mc_decoder;
+  multicast_record m_last_mc_record = multicast_record::ignored;
+
+  VORLAN::TOOLS::mutex_lock m_reception_lock;
+  reception_ptr m_reception KAV_GUARDED_BY(m_reception_lock);  // null: none, not even one that ends
 
   bool m_registration_pending = true;  // worker only: requests went out since the last quiet pass
 };

@@ -212,9 +212,6 @@ void Ckqc_tcp::_th_reset() {
     wipe_credentials();
   }
   reset_register_symbol();
-  for (const auto& receiver : m_multicast_receivers) receiver->sock_close();
-  m_multicast_receivers.clear();
-  m_multicast_groups.clear();
 }
 
 void Ckqc_tcp::queue_item(item_ptr item) {

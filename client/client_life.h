@@ -15,6 +15,7 @@
 // Ownership: shared by the client, its connections and its visitors; outlives all of them.
 class client_life {
  public:
+  // library: a thread that the end of a session waits for; caller: any other.
   enum class visitor : int { caller, library };
 
   // Given to the last visitor of a client that has been given up.
@@ -41,7 +42,7 @@ class client_life {
   void wait_other_calls(std::chrono::milliseconds limit) const;
 
   bool visited_by_this_thread() const;
-  // Is the caller inside as one of the library's own threads?
+  // Is the caller inside as a thread that the end of a session waits for?
   bool visited_by_this_library_thread() const;
 
  private:
