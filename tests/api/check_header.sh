@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# check_header.sh COMPILER...: the public header compiles alone under every language version that
+# check_header.sh COMPILER...: each public header compiles alone under every language version that
 # callers may use, with warnings as errors.
 set -euo pipefail
 
@@ -8,8 +8,10 @@ root=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/../.." && pwd)
 
 for compiler in "$@"; do
   for standard in c++11 c++14 c++17 c++20; do
-    "$compiler" -std="$standard" -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror \
-      -fsyntax-only -I"$root" -include api/kav_quote_api.h -x c++ /dev/null
-    echo "ok: $compiler $standard"
+    for header in "$root"/api/*.h; do
+      "$compiler" -std="$standard" -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror \
+        -fsyntax-only -I"$root" -include "$header" -x c++ /dev/null
+      echo "ok: $compiler $standard ${header##*/}"
+    done
   done
 done

@@ -4,7 +4,7 @@
 #include <string>   // std::string
 #include <vector>   // std::vector
 
-#include "api/kav_quote_api.h"
+#include "api/kav_multicast.h"
 
 namespace {
 
@@ -40,6 +40,13 @@ void check_multicast(KAVQuoteApi* api, KAVQuoteEvent* events) {
   std::vector<KqsMulticastInfo> groups(1);
   std::strcpy(groups[0].m_GroupIp, "239.1.1.1");
   check(api->InitMulticast(groups, events) == 0, "InitMulticast() returns 0");
+  int result = KAVMulticastStarted;
+  check(StartKAVMulticast(api, groups.data(), 1, events, &result) == KAVMulticastGroupFailed &&
+            result == KAVMulticastUnknownExchange,
+        "StartKAVMulticast() tells that no exchange is named");
+  StopKAVMulticast(api);
+  KAVMulticastStatistics statistics;
+  check(!GetKAVMulticastStatistics(api, 0, &statistics), "nothing is received");
   groups.clear();
   check(api->InitMulticast(groups, nullptr) == 0, "InitMulticast() of nothing returns 0");
 }
