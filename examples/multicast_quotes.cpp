@@ -1,7 +1,7 @@
 // multicast_quotes GROUP PORT EXCHANGE [LOCAL-IP]: prints the quotes of one multicast group until
 // Enter is pressed.
+#include <cstdio>    // std::snprintf
 #include <cstdlib>   // std::atoi
-#include <cstring>   // std::strncpy
 #include <iostream>  // std::cout
 
 #include "api/kav_multicast.h"
@@ -31,10 +31,10 @@ int main(int argc, char** argv) {
     return 2;
   }
   KqsMulticastInfo group = KqsMulticastInfo();
-  std::strncpy(group.m_GroupIp, argv[1], sizeof(group.m_GroupIp));  // needs no NUL when full
+  std::snprintf(group.m_GroupIp, sizeof(group.m_GroupIp), "%s", argv[1]);
   group.m_GroupPort = static_cast<std::uint16_t>(std::atoi(argv[2]));
-  std::strncpy(group.m_ExchangeId, argv[3], sizeof(group.m_ExchangeId));
-  if (argc > 4) std::strncpy(group.m_LocalIp, argv[4], sizeof(group.m_LocalIp));
+  std::snprintf(group.m_ExchangeId, sizeof(group.m_ExchangeId), "%s", argv[3]);
+  if (argc > 4) std::snprintf(group.m_LocalIp, sizeof(group.m_LocalIp), "%s", argv[4]);
 
   Printer printer;
   KAVQuoteApi* client = CreateKAVQuoteApi();

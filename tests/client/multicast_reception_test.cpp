@@ -412,6 +412,7 @@ TEST_F(multicast_reception_test, destroying_the_client_inside_a_callback_is_put_
   for (int i = 0; i < 5; ++i) ASSERT_TRUE(sender.send(shfe_datagram("rb2410", 1)));
   ASSERT_TRUE(wait_until([&] { return destroyed.load(); }, k_patience));
   EXPECT_TRUE(wait_until([] { return library_threads("kav-multicast") == 1; }, k_patience));
+  EXPECT_TRUE(wait_until([&] { return m_quotes.running() == 0; }, k_patience));
   EXPECT_EQ(1u, m_quotes.quote_count());
 }
 
