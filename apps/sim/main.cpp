@@ -4,13 +4,10 @@
 #include <atomic>   // std::atomic
 #include <csignal>  // sigaction
 #include <cstdio>   // fflush
-#include <ctime>    // localtime_r
 #include <thread>   // std::this_thread::sleep_for
 
 #include "apps/sim/feed.h"
-#include "apps/sim/market.h"
 #include "apps/sim/program_options.h"
-#include "apps/sim/tick_file.h"
 
 namespace {
 
@@ -35,31 +32,6 @@ void catch_signals() {
 }
 
 milliseconds ms_of(double seconds) { return milliseconds{static_cast<long long>(seconds * 1000)}; }
-
-market_options market_of(const program_options& o) {
-  market_options m;
-  m.seed = o.seed;
-  m.rate = o.rate;
-  const std::time_t now = std::time(nullptr);
-  std::tm local{};
-  ::localtime_r(&now, &local);
-  m.trading_day =
-      fmt::format("{:04}{:02}{:02}", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday);
-  m.start_ms = ((local.tm_hour * 60 + local.tm_min) * 60 + local.tm_sec) * 1000LL;
-  return m;
-}
-
-// The quotes' origin, or null after a complaint.
-std::unique_ptr<tick_source> make_source(const program_options& o) {
-  if (o.tick_path.empty()) return std::make_unique<market>(market_of(o));
-  std::vector<tick> ticks;
-  std::string error;
-  if (!read_tick_file(o.tick_path, ticks, error)) {
-    fmt::print(stderr, "kav-sim: {}\n", error);
-    return nullptr;
-  }
-  return std::make_unique<tick_replay>(std::move(ticks), o.loop);
-}
 
 server_options server_of(const program_options& o, const tick_source& source) {
   server_options s;
@@ -118,7 +90,7 @@ void serve(const program_options& options, tick_source& source, quote_server& se
   side_show beside{options, server};
   feed_options feed;
   feed.speed = options.speed;
-  feed.wait_for_registration = !options.tick_path.empty();
+  feed.wait_for_registration = !options.source.tick_path.empty();
   feed.keep_going = [&beside] { return beside.keep_going(); };
   const feed_result result = run_feed(source, server, feed);
   if (result.at_end && !options.quiet) {
@@ -128,8 +100,12 @@ void serve(const program_options& options, tick_source& source, quote_server& se
 }
 
 int run(const program_options& options) {
-  const std::unique_ptr<tick_source> source = make_source(options);
-  if (!source) return k_exit_bad_input;
+  std::string error;
+  const std::unique_ptr<tick_source> source = make_source(options.source, error);
+  if (!source) {
+    fmt::print(stderr, "kav-sim: {}\n", error);
+    return k_exit_bad_input;
+  }
   if (options.list) {
     for (const listed_symbol& s : source->symbols()) fmt::print("{} {}\n", s.type, s.name);
     return k_exit_good;

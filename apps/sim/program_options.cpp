@@ -4,10 +4,10 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>  // std::replace
-#include <cmath>      // std::isfinite
 #include <map>        // std::map
 #include <vector>     // std::vector
 
+#include "apps/sim/option_checks.h"
 #include "apps/sim/wire.h"
 
 namespace kav_sim {
@@ -44,29 +44,6 @@ Exit status:
   0  ended by --seconds, SIGINT or SIGTERM; or --help, --version, --list
   1  cannot listen, such as a port in use
   2  a bad option or a bad tick file; nothing was started)";
-
-// Finite and within bounds; CLI::Range takes "nan".
-CLI::Validator number_between(double low, double high) {
-  return CLI::Validator{[low, high](std::string& text) {
-                          double value = 0;
-                          if (!CLI::detail::lexical_cast(text, value) || !std::isfinite(value) ||
-                              value < low || value > high) {
-                            return fmt::format("{} is no number from {} to {}", text, low, high);
-                          }
-                          return std::string{};
-                        },
-                        fmt::format("{}-{}", low, high)};
-}
-
-// CLI11 lets a minus sign wrap an unsigned number round.
-CLI::Validator whole_number() {
-  return CLI::Validator{
-      [](std::string& text) {
-        const bool digits = !text.empty() && text.find_first_not_of("0123456789") == text.npos;
-        return digits ? std::string{} : fmt::format("{} is no whole number", text);
-      },
-      "WHOLE"};
-}
 
 // Everything that becomes part of the behaviour only when all options are known.
 struct fault_texts {
@@ -108,16 +85,16 @@ void add_server_options(CLI::App& app, program_options& o) {
 
 void add_quote_options(CLI::App& app, program_options& o) {
   CLI::Option* const ticks =
-      app.add_option("--ticks", o.tick_path, "replay this file")->type_name("FILE");
+      app.add_option("--ticks", o.source.tick_path, "replay this file")->type_name("FILE");
   app.add_option("--speed", o.speed, "1 own pace, 10 ten times as fast, 0 as fast as clients read")
       ->check(number_between(0, 1e6))
       ->capture_default_str();
-  app.add_flag("--loop", o.loop, "begin again when the file has ended")->needs(ticks);
-  app.add_option("--rate", o.rate, "made-up snapshots of each symbol per second")
+  app.add_flag("--loop", o.source.loop, "begin again when the file has ended")->needs(ticks);
+  app.add_option("--rate", o.source.rate, "made-up snapshots of each symbol per second")
       ->check(number_between(0.001, 10000))
       ->excludes(ticks)
       ->capture_default_str();
-  app.add_option("--seed", o.seed, "of the made-up market; the same makes the same quotes")
+  app.add_option("--seed", o.source.seed, "of the made-up market; the same makes the same quotes")
       ->check(whole_number())
       ->excludes(ticks)
       ->capture_default_str();

@@ -2,22 +2,19 @@
 #pragma once
 
 #include <chrono>    // std::chrono::milliseconds
-#include <cstdint>   // std::uint64_t
 #include <optional>  // std::optional
 #include <string>    // std::string
 
 #include "apps/sim/quote_server.h"
+#include "apps/sim/source_choice.h"
 
 namespace kav_sim {
 
 struct program_options {
   std::string bind_address = "127.0.0.1";
   unsigned short port = 0;
-  std::string tick_path;  // empty: the made-up market
+  source_choice source;
   double speed = 1;
-  bool loop = false;
-  double rate = 2;
-  std::uint64_t seed = 1;
   std::optional<std::string> user, password;
   bool list = false;
   double heartbeat_seconds = 5;
