@@ -1,0 +1,7 @@
+# Tests of the publisher of multicast feeds: its parts alone, then over this host's loopback.
+find_package(ZLIB REQUIRED)
+kav_add_test(feed_core_test
+  SOURCES ${CMAKE_CURRENT_LIST_DIR}/feed_encode_test.cpp
+          ${CMAKE_CURRENT_LIST_DIR}/feed_lumen_test.cpp
+          ${CMAKE_CURRENT_LIST_DIR}/feed_disturbance_test.cpp
+  LIBRARIES kav_feed_core kav_test_support)
