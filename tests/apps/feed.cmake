@@ -5,3 +5,10 @@ kav_add_test(feed_core_test
           ${CMAKE_CURRENT_LIST_DIR}/feed_lumen_test.cpp
           ${CMAKE_CURRENT_LIST_DIR}/feed_disturbance_test.cpp
   LIBRARIES kav_feed_core kav_test_support)
+kav_add_test(feed_publisher_test
+  SOURCES ${CMAKE_CURRENT_LIST_DIR}/feed_publisher_test.cpp
+          ${CMAKE_CURRENT_LIST_DIR}/feed_program_test.cpp
+  LIBRARIES kav_feed_core ZLIB::ZLIB)
+add_dependencies(feed_publisher_test kav-feed)
+target_compile_definitions(feed_publisher_test PRIVATE
+  KAV_FEED_PROGRAM="$<TARGET_FILE:kav-feed>")

@@ -1,6 +1,7 @@
 // Ticks for tests of the publisher.
 #pragma once
 
+#include <algorithm>    // std::min
 #include <cstdint>      // std::uint64_t
 #include <cstring>      // memcpy
 #include <limits>       // std::numeric_limits
