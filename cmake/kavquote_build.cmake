@@ -14,10 +14,11 @@ if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES AND PROJECT_IS_TOP_LEV
   set(CMAKE_BUILD_TYPE Release)
 endif()
 
-# kav_add_test(NAME SOURCES... LIBRARIES... [TIMEOUT seconds])
-# One GoogleTest program; each of its tests becomes a CTest test of its own.
+# kav_add_test(NAME SOURCES... LIBRARIES... [TIMEOUT seconds] [RUN_SERIAL])
+# One GoogleTest program; each of its tests becomes a CTest test of its own. RUN_SERIAL: no other test
+# runs at the same time.
 function(kav_add_test name)
-  cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LIBRARIES" ${ARGN})
+  cmake_parse_arguments(arg "RUN_SERIAL" "TIMEOUT" "SOURCES;LIBRARIES" ${ARGN})
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 120)
   endif()
@@ -26,5 +27,6 @@ function(kav_add_test name)
   target_compile_features(${name} PRIVATE cxx_std_20)
   target_link_libraries(${name} PRIVATE kavquote_warnings kavquote::kavquote GTest::gtest
                         GTest::gmock GTest::gtest_main ${arg_LIBRARIES})
-  gtest_discover_tests(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} DISCOVERY_TIMEOUT 60)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
+                       PROPERTIES TIMEOUT ${arg_TIMEOUT} RUN_SERIAL ${arg_RUN_SERIAL})
 endfunction()
