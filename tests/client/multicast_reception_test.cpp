@@ -29,7 +29,6 @@ class multicast_reception_test : public port_holder, public session_fixture {
   void SetUp() override {
     const std::string obstacle = m_port.obstacle();
     if (!obstacle.empty()) GTEST_SKIP() << obstacle;
-    make_client();
   }
 
   KqsMulticastInfo info(int number, const std::string& exchange) const {

@@ -147,6 +147,47 @@ TEST(date_time, goes_to_seconds_and_back_in_every_zone) {
   }
 }
 
+// As the C library tells it.
+std::string library_text(std::time_t seconds) {
+  std::tm local{};
+  ::localtime_r(&seconds, &local);
+  char text[64];
+  std::strftime(text, sizeof(text), "%Y%m%d %H:%M:%S.000", &local);
+  return text;
+}
+
+TEST(date_time, tells_the_ends_of_years_and_changes_of_the_clock_as_the_c_library_does) {
+  constexpr std::time_t k_hour = 3600, k_day = 24 * k_hour, k_2000 = 946684800;
+  for (const char* name : k_zones) {
+    const time_zone zone(name);
+    std::time_t at = k_2000 - 2 * k_day;
+    for (int year = 2000; year < 2040; ++year) {
+      // Every hour of the two days around the new year, and the seconds next to it.
+      for (std::time_t seconds = at; seconds < at + 4 * k_day; seconds += k_hour / 2) {
+        for (const std::time_t near : {seconds - 1, seconds}) {
+          ASSERT_EQ(library_text(near), date_time(near, 0).format()) << name;
+        }
+      }
+      at += (year % 4 == 0 ? 366 : 365) * k_day;  // no century without a leap day in between
+    }
+    int changes = 0;
+    long offset = 0;
+    for (std::time_t seconds = k_2000; seconds < k_2000 + 366 * 3 * k_day; seconds += k_hour / 2) {
+      std::tm local{};
+      ::localtime_r(&seconds, &local);
+      changes += local.tm_gmtoff != offset ? 1 : 0;
+      offset = local.tm_gmtoff;
+      for (const std::time_t near : {seconds - 1, seconds}) {
+        ASSERT_EQ(library_text(near), date_time(near, 0).format()) << name;
+      }
+    }
+    EXPECT_LE(changes, 7) << name;
+    if (name != k_utc && name != k_shanghai) {
+      EXPECT_GE(changes, 6) << name;
+    }
+  }
+}
+
 TEST(date_time, assigns_instants_and_refuses_negative_ones) {
   const time_zone zone(k_shanghai);
   date_time value = k_march;
