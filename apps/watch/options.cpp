@@ -8,7 +8,9 @@
 #include <cmath>      // std::llround
 #include <cstring>    // std::memcpy
 #include <map>        // std::map
+#include <utility>    // std::move
 
+#include "api/kav_multicast.h"
 #include "apps/watch/secrets.h"
 #include "apps/watch/text_safety.h"
 
@@ -25,6 +27,16 @@ constexpr char k_footer[] = R"(Examples:
   kav-watch --server 127.0.0.1:9000 --user me --list     # symbols and their types
   kav-watch --server 127.0.0.1:9000 --user me --format csv --seconds 60 > minute.csv
   kav-watch --server 127.0.0.1:9000 --user me --format json | jq .LastPrice
+  kav-watch --multicast 239.255.10.1:30001:SHFE@127.0.0.1    # no session, no login
+  kav-watch --server 127.0.0.1:9000 --user me --multicast 239.255.10.2:30002:LUMEN rb2510
+
+Multicast:
+  Each --multicast joins one group; EXCHANGE is SHFE, INE, CFFEX, CZCE, GFEX, DCE, SGE, SHZ or
+  LUMEN, and tells which records are expected there. LOCALIP is the address of the interface that
+  the feed comes in on; without it the system's routes choose one. Symbols that are named are
+  picked out of what arrives. With --server too, both sources fill the same rows and lines, and
+  the groups go on when the session has ended for good. What was not understood, or lost because
+  the output is slower than the feed, is counted and told on standard error.
 
 Formats:
   table  updates in place; the default when standard output is a terminal
@@ -45,11 +57,13 @@ Exit statuses:
   2  bad option                     6  unknown symbol
   3  connection refused, host unreachable
   4  login refused                  7  session ended for good
-  8  no answer in time              9  output could not be written)";
+  8  no answer in time              9  output could not be written
+  10 multicast group could not be received)";
 
 // What CLI11 fills before it is checked further.
 struct raw_options {
   std::string server, user, password;
+  std::vector<std::string> groups;
   std::vector<std::string> symbols;
   std::string format;
   bool list = false, keep_going = false, verbose = false, green_up = false;
@@ -77,9 +91,8 @@ CLI::Validator seconds_validator() {
 
 void declare_session_options(CLI::App& app, raw_options& raw) {
   app.add_option("--server", raw.server, "Quote server, a dotted IPv4 address and a port")
-      ->type_name("ADDRESS:PORT")
-      ->required();
-  app.add_option("--user", raw.user, "User name, at most 15 bytes")->type_name("NAME")->required();
+      ->type_name("ADDRESS:PORT");
+  app.add_option("--user", raw.user, "User name, at most 15 bytes")->type_name("NAME");
   app.add_option("--password", raw.password,
                  "Password, at most 32 bytes. The environment variable KAV_PASSWORD is safer: "
                  "arguments can be read in the process list until the program has overwritten them")
@@ -91,10 +104,17 @@ void declare_session_options(CLI::App& app, raw_options& raw) {
       ->capture_default_str();
 }
 
+void declare_multicast_options(CLI::App& app, raw_options& raw) {
+  app.add_option("--multicast", raw.groups,
+                 "Multicast group to receive, beside --server or without it; can be given again")
+      ->type_name("GROUP:PORT:EXCHANGE[@LOCALIP]")
+      ->allow_extra_args(false);  // what follows its value is a symbol
+}
+
 void declare_output_options(CLI::App& app, raw_options& raw) {
-  app.add_option("symbols", raw.symbols, "Symbols to watch; all of the server's when none is named")
+  app.add_option("symbols", raw.symbols, "Symbols to watch; all that there are when none is named")
       ->type_name("SYMBOL");
-  app.add_flag("--list", raw.list, "Print the symbols and their types, then end");
+  app.add_flag("--list", raw.list, "Print the server's symbols and their types, then end");
   app.add_flag("--keep-going", raw.keep_going, "Watch the known symbols when others are unknown");
   app.add_option("--format", raw.format, "table, plain, csv or json")
       ->type_name("FORMAT")
@@ -134,10 +154,39 @@ std::vector<std::string> without_repetitions(const std::vector<std::string>& nam
   return out;
 }
 
-watch_options accept(const CLI::App& app, raw_options& raw, const KqsTcpInfo& server) {
-  watch_options options;
-  options.server = server;
-  options.server_text = raw.server;
+// Fills options.groups; what is wrong with them, empty when nothing is.
+std::string accept_groups(const std::vector<std::string>& texts, watch_options& options) {
+  if (texts.size() > KAV_MULTICAST_MOST_GROUPS) {
+    return fmt::format("--multicast: {} groups; {} is the most", texts.size(),
+                       KAV_MULTICAST_MOST_GROUPS);
+  }
+  std::vector<watched_group>& groups = options.groups;
+  for (const std::string& text : texts) {
+    auto parsed = parse_group(text);
+    if (const auto* wrong = std::get_if<std::string>(&parsed)) return "--multicast: " + *wrong;
+    watched_group& group = std::get<watched_group>(parsed);
+    const auto known =
+        std::find_if(groups.begin(), groups.end(),
+                     [&](const watched_group& earlier) { return same_reception(earlier, group); });
+    if (known != groups.end()) {
+      return fmt::format(
+          "--multicast: {} is the same group, port and interface as {}; give it once", group.text,
+          known->text);
+    }
+    groups.push_back(std::move(group));
+  }
+  return "";
+}
+
+// Fills options.server; what is wrong with it, empty when nothing is.
+std::string accept_server(const std::string& text, watch_options& options) {
+  options.server_text = text;
+  options.server = parse_server(text);
+  if (options.server) return "";
+  return "--server: '" + text + "' is no ADDRESS:PORT such as 127.0.0.1:9000";
+}
+
+watch_options accept(const CLI::App& app, raw_options& raw, watch_options options) {
   options.user = raw.user;
   options.password = raw.password;
   options.symbols = without_repetitions(raw.symbols);
@@ -153,8 +202,8 @@ watch_options accept(const CLI::App& app, raw_options& raw, const KqsTcpInfo& se
   return options;
 }
 
-// What is wrong with the texts, empty when nothing is.
-std::string complaint(const raw_options& raw) {
+// What is wrong with the login's texts, empty when nothing is.
+std::string login_complaint(const raw_options& raw) {
   if (raw.user.empty()) return "--user: the name is empty";
   if (raw.user.size() >= sizeof(KqsLoginParam::m_UserId)) {
     return "--user: the name has more than 15 bytes";
@@ -163,6 +212,47 @@ std::string complaint(const raw_options& raw) {
     return "the password has more than 32 bytes";
   }
   return "";
+}
+
+// What only a session can do, asked for without one; empty when nothing is.
+std::string session_only_complaint(const CLI::App& app) {
+  for (const char* option : {"--list", "--user", "--password", "--timeout", "--keep-going"}) {
+    if (app.count(option) > 0) {
+      return fmt::format("{} needs a session: give --server ADDRESS:PORT too, or leave it out",
+                         option);
+    }
+  }
+  return "";
+}
+
+// The password from where it was given; what is wrong with the login, empty when nothing is.
+std::string take_login(const CLI::App& app, raw_options& raw,
+                       std::optional<std::string>& environment_password) {
+  if (app.count("--user") == 0) return "no user name: --server needs --user NAME";
+  if (app.count("--password") == 0) {
+    if (!environment_password) {
+      return "no password: set KAV_PASSWORD in the environment or give --password";
+    }
+    raw.password = std::move(*environment_password);
+  }
+  return login_complaint(raw);
+}
+
+parsed_options judge(const CLI::App& app, raw_options& raw,
+                     std::optional<std::string>& environment_password) {
+  const bool session = app.count("--server") > 0;
+  if (!session && environment_password) wipe(*environment_password);
+  if (!session && raw.groups.empty()) {
+    return bad_option(
+        "no source of quotes: give --server ADDRESS:PORT, --multicast GROUP:PORT:EXCHANGE or both");
+  }
+  watch_options options;
+  std::string wrong =
+      session ? take_login(app, raw, environment_password) : session_only_complaint(app);
+  if (wrong.empty() && session) wrong = accept_server(raw.server, options);
+  if (wrong.empty()) wrong = accept_groups(raw.groups, options);
+  if (!wrong.empty()) return bad_option(wrong);
+  return accept(app, raw, std::move(options));
 }
 
 }  // namespace
@@ -184,10 +274,11 @@ std::optional<KqsTcpInfo> parse_server(const std::string& text) {
 parsed_options parse_options(int argc, const char* const* argv,
                              std::optional<std::string> environment_password) {
   raw_options raw;
-  CLI::App app{"Shows the quotes of a quote server.", "kav-watch"};
+  CLI::App app{"Shows the quotes of a quote server, of multicast groups, or of both.", "kav-watch"};
   app.footer(k_footer);
   app.set_version_flag("--version", "kav-watch " KAV_WATCH_VERSION);
   declare_session_options(app, raw);
+  declare_multicast_options(app, raw);
   declare_output_options(app, raw);
   try {
     app.parse(argc, argv);
@@ -198,18 +289,7 @@ parsed_options parse_options(int argc, const char* const* argv,
   } catch (const CLI::ParseError& error) {
     return bad_option(error.what());
   }
-  if (app.count("--password") == 0) {
-    if (!environment_password) {
-      return bad_option("no password: set KAV_PASSWORD in the environment or give --password");
-    }
-    raw.password = std::move(*environment_password);
-  }
-  if (const std::string wrong = complaint(raw); !wrong.empty()) return bad_option(wrong);
-  const std::optional<KqsTcpInfo> server = parse_server(raw.server);
-  if (!server) {
-    return bad_option("--server: '" + raw.server + "' is no ADDRESS:PORT such as 127.0.0.1:9000");
-  }
-  return accept(app, raw, *server);
+  return judge(app, raw, environment_password);
 }
 
 }  // namespace kav_watch

@@ -9,17 +9,20 @@
 #include <vector>    // std::vector
 
 #include "api/kav_quote_api.h"
+#include "apps/watch/multicast_group.h"
 #include "apps/watch/outcome.h"
 
 namespace kav_watch {
 
 enum class output_format { automatic, table, plain, csv, json };
 
+// Quotes come from a session with a server, from multicast groups, or from both.
 struct watch_options {
-  KqsTcpInfo server{};
-  std::string server_text;  // as the user gave it, for messages
+  std::optional<KqsTcpInfo> server;  // nothing: no session, and no login
+  std::string server_text;           // as the user gave it, for messages
   std::string user;
   std::string password;
+  std::vector<watched_group> groups;
   std::vector<std::string> symbols;  // without repetitions; empty: all
   output_format format = output_format::automatic;
   bool list_only = false;

@@ -17,11 +17,13 @@ enum class exit_status : int {
   session_over = 7,
   no_answer = 8,
   write_failed = 9,
+  no_multicast = 10,
 };
 
 struct outcome {
   exit_status status = exit_status::ended_well;
-  std::string message;  // one line, what happened and what to do; empty when all went well
+  // One line, what happened and what to do; empty when all went well or lines have told it.
+  std::string message;
 };
 
 }  // namespace kav_watch

@@ -11,6 +11,7 @@
 #include <utility>    // std::move
 #include <variant>    // std::get_if
 
+#include "apps/watch/multicast_feed.h"
 #include "apps/watch/options.h"
 #include "apps/watch/secrets.h"
 #include "apps/watch/signal_source.h"
@@ -47,7 +48,9 @@ int watch(watch_options& options, standard_output& output, signal_source& signal
   const bool table = format == output_format::table;
   if (options.verbose && !table) output.lead_strays_to_stderr();
   quote_session session{options, signals, table ? keep_quotes::latest : keep_quotes::every};
-  const outcome end = viewer{options, format, session, signals, output}.run();
+  multicast_feed feed{session.client(), session.inbox(), options.groups, options.symbols};
+  const outcome end = viewer{options, format, session, feed, signals, output}.run();
+  feed.close();
   if (!session.close()) {
     finish(end);
     std::fflush(nullptr);

@@ -135,13 +135,26 @@ void quote_inbox::OnQuote(KavKqsIntrumentType, KAVMarketDepthQuoteData* quote) {
   if (first) wake();  // the others are found with it
 }
 
+void quote_inbox::keep_log_line(std::string line) {
+  m_log.push_back(std::move(line));
+  if (m_log.size() > k_most_log_lines) m_log.pop_front();
+}
+
+void quote_inbox::add_log_line(const char* text) {
+  std::string line = safe_text(text);
+  {
+    const std::lock_guard lock(m_lock);
+    keep_log_line(std::move(line));
+  }
+  wake();
+}
+
 void quote_inbox::OnLog(KavKqsLogLevel, const char* text, int) {
   std::string line = safe_text(text);
   {
     const std::lock_guard lock(m_lock);
     m_tracker.read_log_line(line);
-    m_log.push_back(std::move(line));
-    if (m_log.size() > k_most_log_lines) m_log.pop_front();
+    keep_log_line(std::move(line));
   }
   wake();
 }

@@ -1,8 +1,9 @@
 // Where the library's callbacks arrive and the program's main thread picks up what they brought.
 //
-// Threads:  the callbacks come on any thread of the library; everything they leave is guarded by
-//           m_lock. Whatever is new makes wake_fd() readable, so that the main thread can wait for
-//           it together with signals and keys.
+// Threads:  the callbacks come on any thread of the library, those of a session and of multicast
+//           groups at once; everything they leave is guarded by m_lock. Whatever is new makes
+//           wake_fd() readable, so that the main thread can wait for it together with signals and
+//           keys.
 // Pace:     no quote is dropped. When the main thread falls k_most_waiting quotes behind,
 //           OnQuote() waits and the library holds the rest. With keep_quotes::latest a newer quote
 //           replaces one of the same symbol that was not picked up yet.
@@ -71,6 +72,8 @@ class quote_inbox : public KAVQuoteEvent {
 
   // Any thread. What ConnServer() returned.
   void set_connected(bool connected);
+  // A log line that tells nothing about the session.
+  void add_log_line(const char* text);
 
   void OnServerConnected() override {}
   void OnServerDisconnected() override;
@@ -85,6 +88,7 @@ class quote_inbox : public KAVQuoteEvent {
 
  private:
   void wake();
+  void keep_log_line(std::string line);                        // under m_lock
   bool replace_waiting(const KAVMarketDepthQuoteData& quote);  // under m_lock
 
   const keep_quotes m_keep;  // constant

@@ -66,7 +66,7 @@ outcome quote_session::missing(wait_result how, const std::string& what) const {
 
 std::optional<outcome> quote_session::connect() {
   m_connector = std::thread(
-      [this] { m_inbox.set_connected(m_client->ConnServer(m_options.server, &m_inbox)); });
+      [this] { m_inbox.set_connected(m_client->ConnServer(*m_options.server, &m_inbox)); });
   const wait_result how = wait_for(
       [](const session_facts& facts) { return facts.connected.has_value(); }, m_options.timeout);
   if (how != wait_result::fulfilled) return missing(how, "answer to the connection request");

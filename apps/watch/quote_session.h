@@ -30,11 +30,14 @@ class quote_session {
   quote_session(const quote_session&) = delete;
   quote_session& operator=(const quote_session&) = delete;
 
-  // Connects, logs in, fetches the symbol list. Nothing: go on; else how the program ends.
+  // Connects, logs in, fetches the symbol list. Nothing: go on; else how the program ends. Only
+  // when the options name a server.
   std::optional<outcome> open();
   const std::vector<listed_symbol>& symbols() const { return m_symbols; }
   void watch(const std::vector<listed_symbol>& symbols);
   quote_inbox& inbox() { return m_inbox; }
+  // The same client can receive multicast groups, with or without open().
+  KAVQuoteApi* client() { return m_client.get(); }
   // How a session that the library gave up is told to the user.
   outcome over() const;
   // False: a thread is stuck inside ConnServer().

@@ -37,19 +37,29 @@ std::string aligned(const std::string& text, const table_column& column, std::si
 
 const std::array<table_column, k_table_columns>& table_columns() { return k_columns; }
 
-quote_table::quote_table(const std::vector<std::string>& symbols) {
+quote_table::quote_table(const std::vector<std::string>& symbols, new_symbols fresh)
+    : m_fresh(fresh) {
   for (const std::string& symbol : symbols) {
     if (m_index.try_emplace(symbol, m_rows.size()).second) m_rows.emplace_back().symbol = symbol;
   }
 }
 
+quote_table::row* quote_table::find_or_add(const std::string& symbol) {
+  const auto found = m_index.find(symbol);
+  if (found != m_index.end()) return &m_rows[found->second];
+  if (m_fresh == new_symbols::ignored || m_rows.size() >= k_most_rows) return nullptr;
+  m_index.emplace(symbol, m_rows.size());
+  row& added = m_rows.emplace_back();
+  added.symbol = symbol;
+  return &added;
+}
+
 void quote_table::apply(const KAVMarketDepthQuoteData& quote, steady_time now) {
-  const auto found = m_index.find(std::string{field_text(quote.InstrumentID)});
-  if (found == m_index.end()) return;
-  row& target = m_rows[found->second];
-  target.quoted = true;
-  target.quote = quote;
-  target.at = now;
+  row* const target = find_or_add(std::string{field_text(quote.InstrumentID)});
+  if (target == nullptr) return;
+  target->quoted = true;
+  target->quote = quote;
+  target->at = now;
 }
 
 void quote_table::set_refused(const std::string& symbol) {

@@ -34,16 +34,22 @@ struct table_line {
   int direction = 0;  // of the price against the previous settlement: -1, 0, 1
 };
 
+// What a quote of a symbol without a row does.
+enum class new_symbols { ignored, added };
+
 class quote_table {
  public:
-  // One row for each symbol, in this order.
-  explicit quote_table(const std::vector<std::string>& symbols);
+  // One row for each symbol, in this order; symbols that are added come behind them.
+  explicit quote_table(const std::vector<std::string>& symbols,
+                       new_symbols fresh = new_symbols::ignored);
 
-  // The latest quote of its symbol. Quotes of symbols that were not asked for are not shown.
+  // The latest quote of its symbol.
   void apply(const KAVMarketDepthQuoteData& quote, steady_time now);
   void set_refused(const std::string& symbol);
   std::size_t size() const { return m_rows.size(); }
   table_line line(std::size_t row, steady_time now) const;
+
+  static constexpr std::size_t k_most_rows = 100'000;  // a feed that invents names stays harmless
 
  private:
   struct row {
@@ -54,6 +60,9 @@ class quote_table {
     steady_time at{};
   };
 
+  row* find_or_add(const std::string& symbol);  // null: not shown
+
+  const new_symbols m_fresh;
   std::vector<row> m_rows;
   std::unordered_map<std::string, std::size_t> m_index;  // symbol to row
 };

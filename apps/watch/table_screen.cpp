@@ -17,7 +17,6 @@ namespace {
 constexpr short k_rise_pair = 1;
 constexpr short k_fall_pair = 2;
 constexpr int k_header_lines = 1;
-constexpr int k_footer_lines = 2;     // status, last log line
 constexpr int k_escape_wait_ms = 25;  // an Esc that begins no key sequence is told after this
 constexpr int k_ctrl_l = 'L' & 0x1F;
 
@@ -175,10 +174,11 @@ void table_screen::draw_row(int y, const table_line& line) {
   }
 }
 
-void table_screen::draw(const quote_table& table, const std::string& status,
+void table_screen::draw(const quote_table& table, const std::vector<std::string>& status,
                         const std::string& last_log) {
   const int height = getmaxy(stdscr);
-  const int visible = std::max(height - k_header_lines - k_footer_lines, 0);
+  const int footer = height - static_cast<int>(status.size()) - 1;  // where it begins
+  const int visible = std::max(footer - k_header_lines, 0);
   m->position.set_rows(table.size(), static_cast<std::size_t>(visible));
   const steady_time now = std::chrono::steady_clock::now();
   std::vector<table_line> lines;
@@ -192,7 +192,10 @@ void table_screen::draw(const quote_table& table, const std::string& status,
   const std::string rows =
       fmt::format("rows {}-{} of {}", lines.empty() ? 0 : m->position.first_row() + 1,
                   m->position.end_row(), table.size());
-  draw_text(height - 2, ascii_text(fmt::format("{} | {} | q quits", status, rows)));
+  draw_text(footer, ascii_text(fmt::format("{} | {} | q quits", status.front(), rows)));
+  for (std::size_t i = 1; i < status.size(); ++i) {
+    draw_text(footer + static_cast<int>(i), ascii_text(status[i]));
+  }
   draw_text(height - 1, ascii_text(last_log));
   refresh();
 }

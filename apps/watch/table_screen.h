@@ -4,6 +4,7 @@
 #include <cstdio>  // FILE
 #include <memory>  // std::unique_ptr
 #include <string>  // std::string
+#include <vector>  // std::vector
 
 #include "apps/watch/quote_table.h"
 
@@ -28,7 +29,9 @@ class table_screen {
   // Obeys the keys that were pressed. False: the user quits.
   bool obey_keys();
   void fit_to_terminal();  // after its size changed
-  void draw(const quote_table& table, const std::string& status, const std::string& last_log);
+  // Below the rows: the lines of `status`, at least one, then the log line.
+  void draw(const quote_table& table, const std::vector<std::string>& status,
+            const std::string& last_log);
 
  private:
   struct implementation;

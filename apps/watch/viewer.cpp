@@ -9,6 +9,7 @@
 #include <cstdlib>        // std::getenv
 #include <iterator>       // std::back_inserter
 #include <unordered_map>  // std::unordered_map
+#include <utility>        // std::exchange, std::move
 
 #include "apps/watch/quote_format.h"
 #include "apps/watch/text_safety.h"
@@ -21,6 +22,7 @@ using steady = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds k_redraw{100};       // the eye does not want it faster
 constexpr std::chrono::milliseconds k_last_flush{2000};  // for what waits when the program ends
 constexpr int k_idle_wait_ms = 1000;                     // nothing depends on it
+constexpr std::chrono::milliseconds k_look{500};         // often enough for a person
 constexpr std::size_t k_named_symbols = 10;              // in one message
 
 void note(const std::string& text) { fmt::print(stderr, "kav-watch: {}\n", text); }
@@ -58,20 +60,45 @@ symbol_choice choose_symbols(const std::vector<listed_symbol>& list,
 }
 
 viewer::viewer(const watch_options& options, output_format format, quote_session& session,
-               signal_source& signals, standard_output& output)
+               multicast_feed& feed, signal_source& signals, standard_output& output)
     : m_options(options),
       m_format(format),
       m_session(session),
+      m_feed(feed),
       m_signals(signals),
       m_output(output),
       m_lines(output.fd(), signals.fd()) {}
 
 outcome viewer::run() {
-  if (std::optional<outcome> end = m_session.open()) return *end;
-  if (m_options.list_only) return print_list();
-  if (std::optional<outcome> end = register_symbols()) return *end;
+  if (std::optional<outcome> end = begin_session()) return *end;
+  if (std::optional<outcome> end = begin_reception()) return *end;
   if (m_options.duration) m_deadline = steady::now() + *m_options.duration;
+  const outcome end = show_quotes();
+  report_counts();
+  return end;
+}
+
+outcome viewer::show_quotes() {
   return m_format == output_format::table ? show_table() : stream_quotes();
+}
+
+std::optional<outcome> viewer::begin_session() {
+  if (!m_options.server) return std::nullopt;
+  if (std::optional<outcome> end = m_session.open()) return end;
+  if (m_options.list_only) return print_list();
+  return register_symbols();
+}
+
+std::optional<outcome> viewer::begin_reception() {
+  if (!m_feed.is_wanted()) return std::nullopt;
+  const std::vector<std::string> refusals = m_feed.start();
+  if (!refusals.empty()) {
+    report_events();
+    for (const std::string& line : refusals) note(line);
+    return outcome{exit_status::no_multicast, ""};
+  }
+  m_reception.emplace(m_feed.groups(), !m_options.server, steady::now());
+  return std::nullopt;
 }
 
 outcome viewer::print_list() {
@@ -99,8 +126,11 @@ outcome viewer::print_list() {
 
 std::optional<outcome> viewer::register_symbols() {
   symbol_choice choice = choose_symbols(m_session.symbols(), m_options.symbols);
-  if (!choice.unknown.empty()) {
-    const std::string names = first_names(choice.unknown);
+  const std::string names = first_names(choice.unknown);
+  if (!choice.unknown.empty() && m_feed.is_wanted()) {
+    note(fmt::format("the server does not know {}; awaiting quotes of the multicast groups only",
+                     names));
+  } else if (!choice.unknown.empty()) {
     if (choice.known.empty() || !m_options.keep_going) {
       return outcome{exit_status::unknown_symbol,
                      fmt::format("the server does not know {}; --list shows what it knows{}", names,
@@ -131,7 +161,8 @@ std::optional<outcome> viewer::stream_turn() {
   if (std::optional<outcome> end = flush()) return end;
   report_events();
   report(facts);
-  if (facts.state == link_state::over) return m_session.over();
+  if (std::optional<outcome> end = judge_session(facts)) return end;
+  report_reception();
   if (asked_to_end()) return outcome{};
   return std::nullopt;
 }
@@ -198,10 +229,16 @@ std::optional<outcome> viewer::wait_for_more() {
 
 // ---- Table ----
 
-outcome viewer::show_table() {
+quote_table viewer::make_table() const {
+  // What the server does not know may come from a group all the same.
+  if (m_feed.is_wanted() && !m_options.symbols.empty()) return quote_table{m_options.symbols};
   std::vector<std::string> names;
   for (const listed_symbol& symbol : m_watched) names.push_back(symbol.name);
-  m_table.emplace(names);
+  return quote_table{names, m_feed.is_wanted() ? new_symbols::added : new_symbols::ignored};
+}
+
+outcome viewer::show_table() {
+  m_table.emplace(make_table());
   m_screen = table_screen::open(m_output.fd(), {colour_wanted(), m_options.green_up});
   if (!m_screen) {
     return {exit_status::bad_option,
@@ -223,7 +260,8 @@ std::optional<outcome> viewer::table_turn() {
   const session_facts facts = m_session.inbox().facts();
   gather_for_table();
   m_rate.update(facts.quotes, steady::now());
-  if (facts.state == link_state::over) return m_session.over();
+  if (std::optional<outcome> end = judge_session(facts)) return end;
+  report_reception();
   if (m_options.count && facts.quotes >= *m_options.count) return outcome{};
   if (asked_to_end() || !m_screen->obey_keys()) return outcome{};
   if (m_signals.take_resize()) m_screen->fit_to_terminal();
@@ -240,11 +278,20 @@ void viewer::gather_for_table() {
   for (std::string& line : m_output.take_strays()) m_last_log = std::move(line);
 }
 
+std::vector<std::string> viewer::status_lines(const session_facts& facts) const {
+  const std::string quotes =
+      fmt::format("{:.0f} quotes/s | {} quotes", m_rate.per_second(), facts.quotes);
+  std::vector<std::string> lines{quotes};
+  if (m_options.server) {
+    lines = {fmt::format("{} {} | {} | {} reconnections", m_options.server_text,
+                         state_text(facts.state), quotes, facts.reconnections)};
+  }
+  if (m_feed.is_wanted()) lines.push_back("multicast " + reception_text(m_feed.counts()));
+  return lines;
+}
+
 void viewer::draw(const session_facts& facts) {
-  const std::string status =
-      fmt::format("{} {} | {:.0f} quotes/s | {} quotes | {} reconnections", m_options.server_text,
-                  state_text(facts.state), m_rate.per_second(), facts.quotes, facts.reconnections);
-  m_screen->draw(*m_table, status, m_last_log);
+  m_screen->draw(*m_table, status_lines(facts), m_last_log);
 }
 
 void viewer::wait_for_redraw() {
@@ -279,13 +326,46 @@ void viewer::report_events() {
 }
 
 void viewer::report(const session_facts& facts) {
-  if (facts.state == m_told_state) return;
+  if (!m_options.server || facts.state == m_told_state) return;
   if (facts.state == link_state::reconnecting) {
     note(fmt::format("connection to {} lost, reconnecting", m_options.server_text));
   } else if (facts.state == link_state::live) {
     note(fmt::format("connected to {} again", m_options.server_text));
   }
   m_told_state = facts.state;
+}
+
+std::optional<outcome> viewer::judge_session(const session_facts& facts) {
+  if (facts.state != link_state::over) return std::nullopt;
+  outcome end = m_session.over();
+  if (!m_feed.is_receiving()) return end;
+  if (!std::exchange(m_over_told, true)) tell(end.message + "; multicast goes on");
+  return std::nullopt;
+}
+
+void viewer::report_reception() {
+  const steady_time now = steady::now();
+  if (!m_reception || now < m_next_look) return;
+  m_next_look = now + k_look;
+  for (const std::string& line : m_reception->due(m_feed.counts(), now)) tell(line);
+}
+
+void viewer::report_counts() const {
+  if (!m_feed.is_receiving()) return;
+  const std::vector<KAVMulticastStatistics> counts = m_feed.counts();
+  for (std::size_t i = 0; i < counts.size(); ++i) {
+    if (m_options.verbose || has_losses(counts[i])) {
+      note(counts_text(m_feed.groups()[i], counts[i]));
+    }
+  }
+}
+
+void viewer::tell(const std::string& line) {
+  if (m_screen) {
+    m_last_log = line;
+  } else {
+    note(line);
+  }
 }
 
 }  // namespace kav_watch

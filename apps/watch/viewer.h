@@ -1,4 +1,4 @@
-// What the program does once it has a session: choose symbols, show their quotes.
+// What the program does with its sources: choose symbols, show their quotes.
 #pragma once
 
 #include <chrono>    // std::chrono::steady_clock
@@ -7,11 +7,13 @@
 #include <string>    // std::string
 #include <vector>    // std::vector
 
+#include "apps/watch/multicast_feed.h"
 #include "apps/watch/options.h"
 #include "apps/watch/outcome.h"
 #include "apps/watch/output_stream.h"
 #include "apps/watch/quote_session.h"
 #include "apps/watch/quote_table.h"
+#include "apps/watch/reception_report.h"
 #include "apps/watch/signal_source.h"
 #include "apps/watch/standard_output.h"
 #include "apps/watch/table_screen.h"
@@ -31,12 +33,15 @@ symbol_choice choose_symbols(const std::vector<listed_symbol>& list,
 class viewer {
  public:
   viewer(const watch_options& options, output_format format, quote_session& session,
-         signal_source& signals, standard_output& output);
+         multicast_feed& feed, signal_source& signals, standard_output& output);
 
   // Everything up to the end, which it returns.
   outcome run();
 
  private:
+  outcome show_quotes();
+  std::optional<outcome> begin_session();
+  std::optional<outcome> begin_reception();
   outcome print_list();
   std::optional<outcome> register_symbols();
 
@@ -54,18 +59,26 @@ class viewer {
   outcome show_table();
   std::optional<outcome> table_turn();
   void gather_for_table();
+  quote_table make_table() const;
   void draw(const session_facts& facts);
+  std::vector<std::string> status_lines(const session_facts& facts) const;
   void wait_for_redraw();
 
   bool asked_to_end();  // by a signal or --seconds
   int milliseconds_left() const;
   void report_events();
   void report(const session_facts& facts);
+  // Nothing: go on, with the session or, when there are groups, without it.
+  std::optional<outcome> judge_session(const session_facts& facts);
+  void report_reception();
+  void report_counts() const;
+  void tell(const std::string& line);  // on standard error, in the table's last line
   std::size_t wanted_now(std::size_t available) const;  // what --count still allows
 
   const watch_options& m_options;
   const output_format m_format;
   quote_session& m_session;
+  multicast_feed& m_feed;
   signal_source& m_signals;
   standard_output& m_output;
   output_stream m_lines;
@@ -74,6 +87,9 @@ class viewer {
   std::vector<KAVMarketDepthQuoteData> m_batch;
   std::vector<listed_symbol> m_watched;
   link_state m_told_state = link_state::live;  // what standard error was told last
+  std::optional<reception_watch> m_reception;  // while groups are being received
+  bool m_over_told = false;                    // of a session that multicast outlives
+  steady_time m_next_look{};                   // at the groups' counts
 
   // Of the table only.
   std::optional<quote_table> m_table;

@@ -1,7 +1,8 @@
 # The viewer: its parts alone, then the program against the simulator's server.
 kav_add_test(kav_watch_test
-  SOURCES watch_inbox_test.cpp watch_options_test.cpp watch_output_test.cpp watch_quote_test.cpp
-          watch_secrets_test.cpp watch_table_test.cpp watch_text_test.cpp watch_tracker_test.cpp
+  SOURCES watch_group_test.cpp watch_inbox_test.cpp watch_options_test.cpp watch_output_test.cpp
+          watch_quote_test.cpp watch_reception_test.cpp watch_secrets_test.cpp watch_table_test.cpp
+          watch_text_test.cpp watch_tracker_test.cpp
   LIBRARIES kav_watch_core)
 
 if(TARGET kav_sim_core)

@@ -79,6 +79,53 @@ TEST(watch_inbox, a_full_inbox_makes_the_library_wait_and_loses_nothing) {
   library.join();
 }
 
+TEST(watch_inbox, two_threads_feed_it_and_each_ones_quotes_keep_their_order) {
+  quote_inbox inbox{keep_quotes::every};
+  constexpr int k_sent = quote_inbox::k_most_waiting;  // of each: together they have to wait
+  const auto send = [&inbox](const char* symbol) {
+    for (int i = 0; i < k_sent; ++i) deliver(inbox, quote_of(symbol, i));
+  };
+  std::thread session{send, "S"};
+  std::thread multicast{send, "M"};
+  int next_of_session = 0, next_of_multicast = 0;
+  std::vector<KAVMarketDepthQuoteData> quotes;
+  while (next_of_session < k_sent || next_of_multicast < k_sent) {
+    pollfd fd{inbox.wake_fd(), POLLIN, 0};
+    if (::poll(&fd, 1, 30'000) != 1) break;
+    inbox.clear_wake();
+    inbox.take_quotes(quotes);
+    for (const auto& quote : quotes) {
+      int& next = quote.InstrumentID[0] == 'S' ? next_of_session : next_of_multicast;
+      EXPECT_EQ(next++, int{quote.Volume});
+    }
+  }
+  inbox.close();
+  session.join();
+  multicast.join();
+  EXPECT_EQ(k_sent, next_of_session);
+  EXPECT_EQ(k_sent, next_of_multicast);
+  EXPECT_EQ(2u * k_sent, inbox.facts().quotes);
+}
+
+TEST(watch_inbox, of_a_symbol_of_two_threads_the_latest_quote_stays) {
+  quote_inbox inbox{keep_quotes::latest};
+  std::vector<KAVMarketDepthQuoteData> quotes;
+  for (int round = 0; round < 100; ++round) {
+    const auto send = [&inbox](int first) {
+      for (int i = 0; i < 50; ++i) deliver(inbox, quote_of("A", first + i));
+    };
+    std::thread session{send, 0};
+    std::thread multicast{send, 1000};
+    session.join();
+    multicast.join();
+    inbox.take_quotes(quotes);
+    ASSERT_EQ(1u, quotes.size());
+    const int last = quotes[0].Volume;
+    EXPECT_TRUE(last == 49 || last == 1049) << last;  // the last of either
+  }
+  EXPECT_EQ(10'000u, inbox.facts().quotes);
+}
+
 TEST(watch_inbox, closing_lets_a_waiting_callback_go) {
   quote_inbox inbox{keep_quotes::every};
   for (std::size_t i = 0; i < quote_inbox::k_most_waiting; ++i) deliver(inbox, quote_of("A", 1));

@@ -17,6 +17,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
+constexpr char k_group[] = "239.255.10.1:30001:SHFE";
 const std::vector<std::string> k_login{"--server", "127.0.0.1:9000", "--user", "me"};
 
 parsed_options parse(std::vector<std::string> arguments,
@@ -42,8 +43,8 @@ std::string refusal(const parsed_options& parsed) {
 
 TEST(watch_options, what_is_not_given_has_its_default) {
   const watch_options options = accepted(parse({}));
-  EXPECT_STREQ("127.0.0.1", options.server.m_ServerIp);
-  EXPECT_EQ(9000, options.server.m_ServerPort);
+  EXPECT_STREQ("127.0.0.1", options.server->m_ServerIp);
+  EXPECT_EQ(9000, options.server->m_ServerPort);
   EXPECT_EQ("me", options.user);
   EXPECT_EQ("secret", options.password);
   EXPECT_TRUE(options.symbols.empty());
@@ -75,9 +76,80 @@ TEST(watch_options, each_format_has_its_name) {
   EXPECT_THAT(refusal(parse({"--format", "1"})), HasSubstr("--format"));
 }
 
-TEST(watch_options, a_missing_server_or_user_is_refused) {
-  EXPECT_THAT(refusal(parse({"--user", "me"}, "secret", false)), HasSubstr("--server"));
+TEST(watch_options, a_server_without_a_user_is_refused) {
   EXPECT_THAT(refusal(parse({"--server", "127.0.0.1:1"}, "secret", false)), HasSubstr("--user"));
+}
+
+TEST(watch_options, a_missing_source_of_quotes_is_refused_with_both_ways_to_give_one) {
+  for (const std::vector<std::string>& arguments :
+       {std::vector<std::string>{}, {"IF2509"}, {"--user", "me"}, {"--list"}}) {
+    EXPECT_THAT(refusal(parse(arguments, "secret", false)),
+                testing::AllOf(HasSubstr("--server"), HasSubstr("--multicast")));
+  }
+}
+
+TEST(watch_options, multicast_alone_needs_no_login) {
+  const watch_options options =
+      accepted(parse({"--multicast", k_group, "IF2509", "--count", "3"}, std::nullopt, false));
+  EXPECT_FALSE(options.server);
+  EXPECT_EQ("", options.password);
+  EXPECT_EQ("", accepted(parse({"--multicast", k_group}, "secret", false)).password);
+  ASSERT_EQ(1u, options.groups.size());
+  EXPECT_STREQ("239.255.10.1", options.groups[0].info.m_GroupIp);
+  EXPECT_THAT(options.symbols, ElementsAre("IF2509"));
+}
+
+TEST(watch_options, multicast_can_be_given_again_and_beside_a_server) {
+  const watch_options options =
+      accepted(parse({"--multicast", k_group, "rb2510", "--multicast=239.255.10.2:30002:lumen"}));
+  EXPECT_EQ(9000, options.server->m_ServerPort);
+  ASSERT_EQ(2u, options.groups.size());
+  EXPECT_STREQ("LUMEN", options.groups[1].info.m_ExchangeId);
+  EXPECT_THAT(options.symbols, ElementsAre("rb2510"));
+}
+
+TEST(watch_options, what_only_a_session_can_do_is_refused_without_one) {
+  for (const std::vector<std::string>& given : {std::vector<std::string>{"--list"},
+                                                {"--user", "me"},
+                                                {"--password=secret"},
+                                                {"--timeout", "3"},
+                                                {"--keep-going"}}) {
+    std::vector<std::string> arguments{"--multicast", k_group};
+    arguments.insert(arguments.end(), given.begin(), given.end());
+    const std::string message = refusal(parse(arguments, std::nullopt, false));
+    EXPECT_THAT(message, testing::StartsWith(given[0].substr(0, given[0].find('='))));
+    EXPECT_THAT(message, HasSubstr("give --server"));
+    EXPECT_THAT(message, Not(HasSubstr("secret")));
+  }
+}
+
+TEST(watch_options, a_malformed_group_is_refused_with_an_example) {
+  EXPECT_EQ(
+      "--multicast: '239.255.10.1:SHFE' is no GROUP:PORT:EXCHANGE[@LOCALIP] such as "
+      "239.255.10.1:30001:SHFE@127.0.0.1; kav-watch --help shows how to use it",
+      refusal(parse({"--multicast", "239.255.10.1:SHFE"})));
+  EXPECT_THAT(refusal(parse({"--multicast", ""})), HasSubstr("'' is no GROUP"));
+  EXPECT_THAT(refusal(parse({"--multicast"})), HasSubstr("--multicast"));
+}
+
+TEST(watch_options, a_group_that_is_given_twice_is_refused) {
+  EXPECT_THAT(refusal(parse({"--multicast", k_group, "--multicast", "239.255.10.1:30001:INE"})),
+              HasSubstr("give it once"));
+  EXPECT_EQ(
+      2u,
+      accepted(parse({"--multicast", k_group, "--multicast", "239.255.10.1:30001:SHFE@127.0.0.1"}))
+          .groups.size());
+}
+
+TEST(watch_options, more_groups_than_the_library_takes_are_refused) {
+  std::vector<std::string> arguments;
+  for (int i = 0; i < 1025; ++i) {
+    arguments.push_back("--multicast");
+    arguments.push_back("239.255.10.1:" + std::to_string(20'000 + i) + ":SHFE");
+  }
+  EXPECT_THAT(refusal(parse(arguments)), HasSubstr("1024 is the most"));
+  arguments.resize(2 * 1024);
+  EXPECT_EQ(1024u, accepted(parse(arguments)).groups.size());
 }
 
 TEST(watch_options, a_missing_password_is_refused_and_an_empty_one_is_not) {
@@ -126,8 +198,10 @@ TEST(watch_options, a_server_is_a_dotted_address_and_a_port) {
 TEST(watch_options, help_explains_statuses_keys_and_the_safer_password) {
   const parsed_options parsed = parse({"--help"}, std::nullopt, false);
   const std::string& help = std::get<information>(parsed).text;
-  for (const char* part : {"Exit statuses", "9  output could not be written", "PgUp", "Examples",
-                           "KAV_PASSWORD is safer", "--keep-going", "--timeout"}) {
+  for (const char* part :
+       {"Exit statuses", "9  output could not be written",
+        "10 multicast group could not be received", "GROUP:PORT:EXCHANGE[@LOCALIP]", "PgUp",
+        "Examples", "KAV_PASSWORD is safer", "--keep-going", "--timeout"}) {
     EXPECT_THAT(help, HasSubstr(part));
   }
 }

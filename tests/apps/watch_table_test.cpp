@@ -60,6 +60,29 @@ TEST(watch_table, quotes_of_other_symbols_add_no_row) {
   EXPECT_EQ(1u, table.size());
 }
 
+TEST(watch_table, rows_can_be_added_as_symbols_arrive) {
+  quote_table table{{"A"}, new_symbols::added};
+  table.apply(quote_of("X", 1), k_start);
+  table.apply(quote_of("A", 2), k_start);
+  table.apply(quote_of("C", 3), k_start);
+  table.apply(quote_of("X", 4), k_start);
+  ASSERT_EQ(3u, table.size());
+  EXPECT_EQ("A", table.line(0, k_start).cells[0]);
+  EXPECT_EQ("X", table.line(1, k_start).cells[0]);
+  EXPECT_EQ("4", table.line(1, k_start).cells[2]);
+  EXPECT_EQ("C", table.line(2, k_start).cells[0]);
+}
+
+TEST(watch_table, a_feed_that_invents_names_fills_no_more_than_its_room) {
+  std::vector<std::string> names;
+  for (std::size_t i = 0; i + 1 < quote_table::k_most_rows; ++i) names.push_back(std::to_string(i));
+  quote_table table{names, new_symbols::added};
+  table.apply(quote_of("X", 1), k_start);
+  table.apply(quote_of("Y", 2), k_start);
+  EXPECT_EQ(quote_table::k_most_rows, table.size());
+  EXPECT_EQ("X", table.line(quote_table::k_most_rows - 1, k_start).cells[0]);
+}
+
 TEST(watch_table, a_refused_symbol_says_so_until_a_quote_comes) {
   quote_table table{{"A"}};
   table.set_refused("A");
