@@ -7,7 +7,8 @@ kav_add_test(kav_watch_test
 
 if(TARGET kav_sim_core)
   kav_add_test(kav_watch_program_test
-    SOURCES watch_process.cpp watch_program_test.cpp watch_terminal_test.cpp
+    SOURCES watch_multicast.cpp watch_multicast_test.cpp watch_process.cpp watch_program_test.cpp
+            watch_terminal_test.cpp
     LIBRARIES kav_watch_core kav_sim_core util
     TIMEOUT 180)
   target_compile_definitions(kav_watch_program_test
