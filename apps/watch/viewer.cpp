@@ -73,7 +73,7 @@ outcome viewer::run() {
   if (std::optional<outcome> end = begin_session()) return *end;
   if (std::optional<outcome> end = begin_reception()) return *end;
   if (m_options.duration) m_deadline = steady::now() + *m_options.duration;
-  const outcome end = show_quotes();
+  outcome end = show_quotes();
   report_counts();
   return end;
 }
@@ -126,20 +126,26 @@ outcome viewer::print_list() {
 
 std::optional<outcome> viewer::register_symbols() {
   symbol_choice choice = choose_symbols(m_session.symbols(), m_options.symbols);
-  const std::string names = first_names(choice.unknown);
-  if (!choice.unknown.empty() && m_feed.is_wanted()) {
-    note(fmt::format("the server does not know {}; awaiting quotes of the multicast groups only",
-                     names));
-  } else if (!choice.unknown.empty()) {
-    if (choice.known.empty() || !m_options.keep_going) {
-      return outcome{exit_status::unknown_symbol,
-                     fmt::format("the server does not know {}; --list shows what it knows{}", names,
-                                 choice.known.empty() ? "" : ", --keep-going watches the others")};
-    }
-    note(fmt::format("the server does not know {}; watching the others", names));
+  if (!choice.unknown.empty()) {
+    if (std::optional<outcome> end = judge_unknown(choice)) return end;
   }
   m_watched = std::move(choice.known);
   m_session.watch(m_watched);
+  return std::nullopt;
+}
+
+std::optional<outcome> viewer::judge_unknown(const symbol_choice& choice) const {
+  const std::string text = "the server does not know " + first_names(choice.unknown);
+  if (m_feed.is_wanted()) {  // which groups carry a symbol is known to nobody
+    note(text + "; awaiting quotes of the multicast groups only");
+    return std::nullopt;
+  }
+  if (choice.known.empty() || !m_options.keep_going) {
+    return outcome{exit_status::unknown_symbol,
+                   text + "; --list shows what it knows" +
+                       (choice.known.empty() ? "" : ", --keep-going watches the others")};
+  }
+  note(text + "; watching the others");
   return std::nullopt;
 }
 

@@ -44,6 +44,8 @@ class viewer {
   std::optional<outcome> begin_reception();
   outcome print_list();
   std::optional<outcome> register_symbols();
+  // Nothing: go on with what the server knows.
+  std::optional<outcome> judge_unknown(const symbol_choice& choice) const;
 
   outcome stream_quotes();
   // One turn: quotes that wait become lines. Nothing: go on.

@@ -20,7 +20,6 @@ namespace {
 using namespace std::chrono_literals;
 using testing::AllOf;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::StartsWith;
 
 using fields = std::map<std::string, std::string>;

@@ -134,6 +134,7 @@ std::vector<std::string> taken(quote_inbox& inbox) {
   std::vector<KAVMarketDepthQuoteData> quotes;
   inbox.take_quotes(quotes);
   std::vector<std::string> symbols;
+  symbols.reserve(quotes.size());
   for (const auto& quote : quotes) symbols.emplace_back(field_text(quote.InstrumentID));
   return symbols;
 }
