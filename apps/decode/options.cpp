@@ -3,9 +3,10 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>  // std::replace
-#include <utility>    // std::move
-#include <vector>     // std::vector
+#include <algorithm>     // std::replace
+#include <charconv>      // std::from_chars
+#include <system_error>  // std::errc
+#include <vector>        // std::vector
 
 #include "apps/decode/default_groups.h"
 #include "apps/watch/text_safety.h"
@@ -39,7 +40,8 @@ Exit statuses:
   1  unexpected error, or the output could not be written
   2  bad option
   3  the file cannot be read, is no capture or has packets of another link type
-  4  the capture ends in the middle of a packet or is damaged; all before it was decoded)";
+  4  the capture ends in the middle of a packet, or is damaged or of mixed link types from some
+     packet on; all before it was decoded)";
 
 // What CLI11 fills before it is checked further.
 struct raw_options {
@@ -49,6 +51,18 @@ struct raw_options {
   bool time = false, summary_only = false, quiet = false;
   std::uint64_t count = 0;
 };
+
+// CLI11's own complains with all digits of the largest double.
+CLI::Validator count_validator() {
+  return {[](std::string& text) {
+            std::uint64_t count = 0;
+            const auto [rest, error] =
+                std::from_chars(text.data(), text.data() + text.size(), count);
+            const bool valid = error == std::errc{} && *rest == '\0' && count > 0;
+            return valid ? std::string{} : fmt::format("'{}' is no number from 1 on", text);
+          },
+          ""};
+}
 
 std::string default_groups_text() {
   std::string text;
@@ -82,7 +96,7 @@ void declare_options(CLI::App& app, raw_options& raw) {
                "1970-01-01 UTC with nine decimals");
   app.add_option("--count", raw.count, "End after this many quotes")
       ->type_name("N")
-      ->check(CLI::PositiveNumber);
+      ->check(count_validator());
   app.add_flag("--summary-only,--no-output", raw.summary_only, "Write no quotes, only the summary");
   app.add_flag("--quiet", raw.quiet, "No summary on standard error");
 }

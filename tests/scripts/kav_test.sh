@@ -74,10 +74,11 @@ the_script_works_from_any_folder_and_through_a_link() {
 make_bare_machine() {
   mkdir -- "$folder/bin"
   ln -s -f -t "$folder/bin" -- /bin/* /usr/bin/*
-  rm -f -- "$folder"/bin/{ninja,clang++,clang-format,clang-tidy,shellcheck,git,cmake,g++,apt-get,sudo}
+  rm -f -- "$folder"/bin/{ninja,clang++,clang-format,clang-tidy,shellcheck,git,cmake,g++,tcpdump,apt-get,sudo}
   make_command g++
   make_command cmake
   make_command git
+  make_command tcpdump
   # Without root the script asks for sudo.
   # shellcheck disable=SC2016
   make_command sudo '[[ $1 != -n ]] || shift; exec "$@"'
