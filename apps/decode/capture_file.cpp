@@ -102,8 +102,8 @@ outcome capture_file::explain_failure() const {
                         m_name, m_packets + 1)};
   }
   return {exit_status::cut_off,
-          fmt::format("{} is damaged at packet {}: {}; all before it was decoded, copy or capture "
-                      "the file again for the rest",
+          fmt::format("{} cannot be read from packet {} on: {}; all before it was decoded, "
+                      "copy or capture the file again for the rest",
                       m_name, m_packets + 1, why)};
 }
 

@@ -57,7 +57,7 @@ class decode_run {
 
   outcome run() {
     m_writer.begin();
-    const outcome end = read_packets();
+    outcome end = read_packets();
     if (const std::optional<outcome> stop = m_output_end ? m_output_end : flush(m_stream)) {
       return *stop;
     }

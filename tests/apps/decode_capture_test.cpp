@@ -195,7 +195,7 @@ TEST(decode_capture_test, a_damaged_length_ends_the_capture_there) {
   const whole_capture capture = read_all(content);
   EXPECT_EQ(1u, capture.packets.size());
   EXPECT_EQ(exit_status::cut_off, capture.end.status);
-  EXPECT_THAT(capture.end.message, HasSubstr("is damaged at packet 2: "));
+  EXPECT_THAT(capture.end.message, HasSubstr("cannot be read from packet 2 on: "));
 }
 
 TEST(decode_capture_test, a_pipe_is_drained_when_its_writer_pauses) {

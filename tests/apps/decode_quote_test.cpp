@@ -10,7 +10,6 @@
 namespace kav_decode_test {
 namespace {
 
-using kav_decode::captured_packet;
 using kav_decode::decode_options;
 using kav_decode::ignore_reason;
 using kav_decode::output_format;
