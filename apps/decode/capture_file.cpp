@@ -40,7 +40,7 @@ void close_stream(std::FILE* stream) {
 }
 
 std::string name_for_messages(const std::string& path) {
-  return path == "-" ? "standard input" : "'" + printable_text(path) + "'";
+  return path == "-" ? "standard input" : fmt::format("'{}'", printable_text(path));
 }
 
 }  // namespace

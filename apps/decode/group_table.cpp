@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>   // inet_pton
 #include <fmt/format.h>  // fmt::format
-#include <fmt/ranges.h>  // fmt::join
 
 #include <array>         // std::array
 #include <charconv>      // std::from_chars
@@ -63,7 +62,14 @@ std::string_view exchange_name(int number) {
   return k_lumen_name;
 }
 
-std::string exchange_names() { return fmt::format("{}", fmt::join(k_names, ", ")); }
+std::string exchange_names() {
+  std::string names;
+  for (const char* name : k_names) {
+    if (!names.empty()) names += ", ";
+    names += name;
+  }
+  return names;
+}
 
 group_table group_table::defaults() {
   group_table table;

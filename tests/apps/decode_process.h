@@ -16,12 +16,12 @@ struct process_result {
   std::string output, errors;
 };
 
-inline std::string quoted(const std::string& argument) { return "'" + argument + "'"; }
+inline std::string quoted(const std::string& argument) { return fmt::format("'{}'", argument); }
 
 // timeout ends what does not end by itself.
 inline std::string command(const std::vector<std::string>& arguments) {
   std::string text = "timeout 60 " KAV_DECODE_PROGRAM;
-  for (const std::string& argument : arguments) text += " " + quoted(argument);
+  for (const std::string& argument : arguments) text += fmt::format(" '{}'", argument);
   return text;
 }
 
