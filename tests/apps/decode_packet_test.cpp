@@ -157,6 +157,8 @@ TEST(decode_packet_test, another_ip_version_is_malformed) {
 TEST(decode_packet_test, a_header_length_below_five_words_is_malformed) {
   for (unsigned char words = 0; words < 5; ++words) {
     bytes packet = datagram(k_payload);
+    packet[21] = 8;  // with four words this would be a UDP length that fits
+    packet[20] = 0;
     packet[0] = static_cast<unsigned char>(0x40 | words);
     EXPECT_EQ(packet_content::malformed, content_of(DLT_RAW, packet)) << int{words};
   }
