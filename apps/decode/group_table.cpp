@@ -7,7 +7,7 @@
 #include <charconv>      // std::from_chars
 #include <system_error>  // std::errc
 
-#include "apps/decode/default_groups.h"
+#include "apps/feed/default_groups.h"
 #include "feeds/exchange_id.h"
 
 namespace kav_decode {
@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::array k_names{k_exchange_shfe, k_exchange_ine,  k_exchange_cffex,
                              k_exchange_czce, k_exchange_gfex, k_exchange_dce,
-                             k_exchange_shz,  k_exchange_sge,  k_lumen_name};
+                             k_exchange_shz,  k_exchange_sge,  kav_feed::k_lumen_name};
 
 std::optional<std::uint32_t> parse_address(const std::string& text) {
   in_addr parsed{};
@@ -50,7 +50,7 @@ std::string destination_text(const destination& where) {
 }
 
 std::optional<int> exchange_number(const std::string& name) {
-  if (name == k_lumen_name) return k_exchange_number_unknown;
+  if (name == kav_feed::k_lumen_name) return k_exchange_number_unknown;
   const int number = get_int_exchange_id(name.c_str());
   return number == k_exchange_number_unknown ? std::nullopt : std::optional{number};
 }
@@ -59,7 +59,7 @@ std::string_view exchange_name(int number) {
   for (const char* name : k_names) {
     if (exchange_number(name) == number) return name;
   }
-  return k_lumen_name;
+  return kav_feed::k_lumen_name;
 }
 
 std::string exchange_names() {
@@ -73,7 +73,7 @@ std::string exchange_names() {
 
 group_table group_table::defaults() {
   group_table table;
-  for (const default_group& row : k_default_groups) {
+  for (const kav_feed::default_group& row : kav_feed::k_default_groups) {
     const std::optional<destination> where =
         parse_destination(fmt::format("{}:{}", row.group, row.port));
     const std::optional<int> exchange = exchange_number(row.exchange);

@@ -8,7 +8,7 @@
 #include <system_error>  // std::errc
 #include <vector>        // std::vector
 
-#include "apps/decode/default_groups.h"
+#include "apps/feed/default_groups.h"
 #include "apps/watch/text_safety.h"
 
 namespace kav_decode {
@@ -66,7 +66,7 @@ CLI::Validator count_validator() {
 
 std::string default_groups_text() {
   std::string text;
-  for (const default_group& row : k_default_groups) {
+  for (const kav_feed::default_group& row : kav_feed::k_default_groups) {
     text += fmt::format("{}{}:{}={}", text.empty() ? "" : ", ", row.group, row.port, row.exchange);
   }
   return text;

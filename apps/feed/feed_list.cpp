@@ -6,22 +6,13 @@
 #include <charconv>  // std::from_chars
 #include <cstring>   // strnlen
 
+#include "apps/feed/default_groups.h"
+
 namespace kav_feed {
 
 namespace {
 
-struct feed_row {
-  const char* name;
-  const char* address;
-  unsigned short port;
-};
-
-constexpr std::array<feed_row, k_feed_count> k_feeds = {{{"SHFE", "239.255.10.1", 30001},
-                                                         {"CFFEX", "239.255.10.2", 30002},
-                                                         {"CZCE", "239.255.10.3", 30003},
-                                                         {"GFEX", "239.255.10.4", 30004},
-                                                         {"LUMEN", "239.255.10.5", 30005},
-                                                         {"INE", "239.255.10.6", 30006}}};
+static_assert(k_default_groups.size() == k_feed_count, "a group for each feed, in their order");
 
 bool is_multicast(const std::string& address) {
   in_addr parsed{};
@@ -39,7 +30,7 @@ unsigned short parse_port(const std::string& text) {
 
 }  // namespace
 
-const char* name_of(feed which) { return k_feeds[index_of(which)].name; }
+const char* name_of(feed which) { return k_default_groups[index_of(which)].exchange; }
 
 std::optional<feed> feed_named(const std::string& name) {
   for (const feed which : k_all_feeds) {
@@ -55,8 +46,8 @@ std::string text_of(const feed_group& group) {
 std::vector<feed_group> default_groups() {
   std::vector<feed_group> groups;
   for (const feed which : k_all_feeds) {
-    const feed_row& row = k_feeds[index_of(which)];
-    groups.push_back({which, row.address, row.port});
+    const default_group& row = k_default_groups[index_of(which)];
+    groups.push_back({which, row.group, row.port});
   }
   return groups;
 }

@@ -2,8 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "apps/decode/default_groups.h"
 #include "apps/decode/group_table.h"
+#include "apps/feed/default_groups.h"
 #include "decode_packets.h"
 #include "feeds/exchange_id.h"
 
@@ -15,8 +15,8 @@ using testing::HasSubstr;
 
 TEST(decode_group_test, every_default_group_finds_its_exchange) {
   const group_table table = group_table::defaults();
-  for (std::uint32_t i = 1; i <= std::size(kav_decode::k_default_groups); ++i) {
-    const kav_decode::default_group& row = kav_decode::k_default_groups[i - 1];
+  for (std::uint32_t i = 1; i <= std::size(kav_feed::k_default_groups); ++i) {
+    const kav_feed::default_group& row = kav_feed::k_default_groups[i - 1];
     const kav_decode::destination where{0xEFFF0A00 + i, static_cast<std::uint16_t>(30000 + i)};
     EXPECT_EQ(std::string{row.group} + ":" + std::to_string(row.port), destination_text(where));
     EXPECT_EQ(kav_decode::exchange_number(row.exchange), table.find(where)) << row.exchange;

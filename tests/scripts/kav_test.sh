@@ -19,6 +19,12 @@ run() {
   err=$(<"$folder/err")
 }
 
+# Tells CTest that this machine cannot run the test.
+skip() {
+  printf 'skipped: %s\n' "$*" >&2
+  exit 77
+}
+
 expect_status() { [[ $status == "$1" ]] || fail "status $status instead of $1: $err"; }
 expect_one_line() { [[ -n $1 && $1 != *$'\n'* ]] || fail "not one line: '$1'"; }
 expect_text() { [[ $1 == *"$2"* ]] || fail "'$2' is not in: $1"; }
@@ -222,6 +228,40 @@ the_demo_replays_a_tick_file() {
   expect_status 0
   expect_text "$out" ZZ2509
   expect_text "$out" 4711.5
+  expect_nothing_left
+}
+
+# Lines of the viewer whose symbol and exchange match, as the feeds deliver them.
+expect_quotes_of() {  # SYMBOL-PATTERN EXCHANGE
+  grep -qE "^[0-9:.]+ +$1 +$2 " "$folder/out" || fail "no quote of $1 $2: $out; $err"
+}
+
+expect_quotes_of_all_feeds() {
+  expect_quotes_of 'rb[0-9]+' CFFEX  # SHFE
+  expect_quotes_of 'sc[0-9]+' CFFEX  # INE
+  expect_quotes_of 'IF[0-9]+' CFFEX
+  expect_quotes_of 'TA[0-9]+' CZCE
+  expect_quotes_of 'si[0-9]+' GFEX
+  expect_quotes_of 'rb[0-9]+' SHFE  # lumen
+}
+
+the_demo_shows_the_quotes_of_all_multicast_feeds() {
+  run_demo --multicast --seconds 5
+  expect_status 0
+  expect_quotes_of_all_feeds
+  expect_nothing_left
+}
+
+without_a_route_for_multicast_the_demo_gets_a_network_of_its_own() {
+  ((EUID == 0)) || skip "not root"
+  unshare --net true 2>/dev/null || skip "no network namespace can be made here"
+  mkdir -- "$folder/tmp"
+  # shellcheck disable=SC2016
+  run env TMPDIR="$folder/tmp" unshare --net \
+    bash -c 'set -o pipefail; "$1" demo --multicast --seconds 5 | cat' - "$kav"
+  expect_status 0
+  expect_text "$err" "in a network namespace of its own"
+  expect_quotes_of_all_feeds
   expect_nothing_left
 }
 
