@@ -1,5 +1,7 @@
 #include "apps/watch/multicast_feed.h"
 
+#include <chrono>   // std::chrono::milliseconds
+#include <thread>   // std::this_thread::sleep_for
 #include <utility>  // std::exchange, std::move
 
 #include "apps/watch/quote_format.h"
@@ -9,7 +11,11 @@
 namespace kav_watch {
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr std::size_t k_most_log_lines = 64;  // they are read after start() only
+constexpr std::chrono::milliseconds k_count_wait{
+    500};  // far longer than a callback takes to return
 
 }  // namespace
 
@@ -22,6 +28,7 @@ std::vector<std::string> multicast_filter::take_log() {
 }
 
 void multicast_filter::OnQuote(KavKqsIntrumentType type, KAVMarketDepthQuoteData* quote) {
+  m_quotes.fetch_add(1, std::memory_order_acq_rel);
   if (!m_symbols.empty() && !m_symbols.contains(field_text(quote->InstrumentID))) return;
   m_inbox.OnQuote(type, quote);
 }
@@ -65,6 +72,19 @@ std::vector<std::string> multicast_feed::refusals(const std::vector<int>& result
 std::vector<KAVMulticastStatistics> multicast_feed::counts() const {
   std::vector<KAVMulticastStatistics> all(m_groups.size());
   for (unsigned i = 0; i < all.size(); ++i) GetKAVMulticastStatistics(m_client, i, &all[i]);
+  return all;
+}
+
+std::vector<KAVMulticastStatistics> multicast_feed::last_counts() {
+  m_inbox.close();  // a callback that waits for room goes on
+  // A quote is counted when its callback has returned, which may be later than it was shown.
+  const std::uint64_t came = m_filter.quotes();
+  const auto deadline = std::chrono::steady_clock::now() + k_count_wait;
+  std::vector<KAVMulticastStatistics> all = counts();
+  while (sum_of(all).m_Quotes < came && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(1ms);
+    all = counts();
+  }
   return all;
 }
 

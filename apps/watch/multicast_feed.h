@@ -1,6 +1,8 @@
 // Multicast groups whose quotes go into the inbox.
 #pragma once
 
+#include <atomic>         // std::atomic
+#include <cstdint>        // std::uint64_t
 #include <functional>     // std::hash
 #include <mutex>          // std::mutex
 #include <optional>       // std::optional
@@ -24,6 +26,8 @@ class multicast_filter : public KAVQuoteEvent {
   // No symbols: all pass.
   multicast_filter(quote_inbox& inbox, const std::vector<std::string>& symbols);
 
+  // Quotes that came, whether they passed or not. Any thread.
+  std::uint64_t quotes() const { return m_quotes.load(std::memory_order_acquire); }
   // The log lines since the last call, fit for a terminal. The inbox gets them too.
   std::vector<std::string> take_log();
 
@@ -44,6 +48,7 @@ class multicast_filter : public KAVQuoteEvent {
 
   quote_inbox& m_inbox;
   const std::unordered_set<std::string, text_hash, std::equal_to<>> m_symbols;  // constant
+  std::atomic<std::uint64_t> m_quotes{0};
   std::mutex m_lock;
   std::vector<std::string> m_log;  // under m_lock
 };
@@ -67,6 +72,8 @@ class multicast_feed {
   std::vector<std::string> start();
   // The counts of each group, in their order; all zero before start().
   std::vector<KAVMulticastStatistics> counts() const;
+  // The same for the end: they hold every quote that has come. Closes the inbox.
+  std::vector<KAVMulticastStatistics> last_counts();
   void close();
 
  private:

@@ -77,6 +77,8 @@ std::string way_out(const watched_group& group, int result,
   }
 }
 
+}  // namespace
+
 KAVMulticastStatistics sum_of(const counts_list& groups) {
   KAVMulticastStatistics sum{};
   for (const KAVMulticastStatistics& counts : groups) {
@@ -88,8 +90,6 @@ KAVMulticastStatistics sum_of(const counts_list& groups) {
   }
   return sum;
 }
-
-}  // namespace
 
 std::string refusal_text(const watched_group& group, int result,
                          const std::vector<std::string>& log_lines) {

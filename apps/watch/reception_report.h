@@ -16,6 +16,9 @@ namespace kav_watch {
 std::string refusal_text(const watched_group& group, int result,
                          const std::vector<std::string>& log_lines);
 
+// The counts of all groups together.
+KAVMulticastStatistics sum_of(const std::vector<KAVMulticastStatistics>& groups);
+
 // "2 groups | 3 dropped | 90 datagrams | 80 quotes | 10 ignored | 0 refused", over all groups.
 std::string reception_text(const std::vector<KAVMulticastStatistics>& groups);
 

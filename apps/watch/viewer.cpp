@@ -356,9 +356,9 @@ void viewer::report_reception() {
   for (const std::string& line : m_reception->due(m_feed.counts(), now)) tell(line);
 }
 
-void viewer::report_counts() const {
+void viewer::report_counts() {
   if (!m_feed.is_receiving()) return;
-  const std::vector<KAVMulticastStatistics> counts = m_feed.counts();
+  const std::vector<KAVMulticastStatistics> counts = m_feed.last_counts();
   for (std::size_t i = 0; i < counts.size(); ++i) {
     if (m_options.verbose || has_losses(counts[i])) {
       note(counts_text(m_feed.groups()[i], counts[i]));

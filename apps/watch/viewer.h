@@ -73,7 +73,7 @@ class viewer {
   // Nothing: go on, with the session or, when there are groups, without it.
   std::optional<outcome> judge_session(const session_facts& facts);
   void report_reception();
-  void report_counts() const;
+  void report_counts();
   void tell(const std::string& line);  // on standard error, in the table's last line
   std::size_t wanted_now(std::size_t available) const;  // what --count still allows
 
