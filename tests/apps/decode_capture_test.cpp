@@ -5,7 +5,7 @@
 #include <unistd.h>     // pipe, write
 
 #include "apps/decode/capture_file.h"
-#include "decode_files.h"
+#include "tests/apps/decode_files.h"
 
 namespace kav_decode_test {
 namespace {

@@ -9,7 +9,7 @@
 #include <iterator>  // std::istreambuf_iterator
 #include <string>    // std::string
 
-#include "decode_packets.h"
+#include "tests/apps/decode_packets.h"
 
 namespace kav_decode_test {
 

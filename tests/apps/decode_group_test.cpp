@@ -4,8 +4,8 @@
 
 #include "apps/decode/group_table.h"
 #include "apps/feed/default_groups.h"
-#include "decode_packets.h"
 #include "feeds/exchange_id.h"
+#include "tests/apps/decode_packets.h"
 
 namespace kav_decode_test {
 namespace {

@@ -5,8 +5,8 @@
 #include <vector>  // std::vector
 
 #include "apps/watch/quote_format.h"
-#include "decode_packets.h"
 #include "feeds/multicast_decoder.h"
+#include "tests/apps/decode_packets.h"
 #include "tests/support/recording_event.h"
 
 namespace kav_decode_test {

@@ -16,9 +16,9 @@
 #include <system_error>  // std::generic_category
 #include <thread>        // std::thread
 
-#include "decode_lines.h"
-#include "decode_process.h"
 #include "feeds/exchange_id.h"
+#include "tests/apps/decode_lines.h"
+#include "tests/apps/decode_process.h"
 #include "tests/support/tcp_peer.h"
 #include "tests/support/wait_until.h"
 

@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include "apps/decode/options.h"
-#include "decode_packets.h"
 #include "feeds/exchange_id.h"
+#include "tests/apps/decode_packets.h"
 
 namespace kav_decode_test {
 namespace {

@@ -7,7 +7,7 @@
 #include <utility>  // std::pair
 
 #include "apps/decode/packet.h"
-#include "decode_packets.h"
+#include "tests/apps/decode_packets.h"
 
 namespace kav_decode_test {
 namespace {

@@ -1,4 +1,4 @@
-#include "decode_packets.h"
+#include "tests/apps/decode_packets.h"
 
 #include <cstddef>  // offsetof
 #include <cstring>  // std::memcpy

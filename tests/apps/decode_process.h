@@ -7,7 +7,7 @@
 #include <string>   // std::string
 #include <vector>   // std::vector
 
-#include "decode_files.h"
+#include "tests/apps/decode_files.h"
 
 namespace kav_decode_test {
 

@@ -6,9 +6,9 @@
 #include <chrono>     // std::chrono_literals
 #include <cstdio>     // popen
 
-#include "decode_lines.h"
-#include "decode_process.h"
 #include "feeds/exchange_id.h"
+#include "tests/apps/decode_lines.h"
+#include "tests/apps/decode_process.h"
 #include "tests/support/wait_until.h"
 
 namespace kav_decode_test {

@@ -4,8 +4,8 @@
 
 #include "apps/decode/packet_decoder.h"
 #include "apps/decode/quote_writer.h"
-#include "decode_lines.h"
 #include "feeds/exchange_id.h"
+#include "tests/apps/decode_lines.h"
 
 namespace kav_decode_test {
 namespace {
