@@ -2,12 +2,13 @@
 
 #include <arpa/inet.h>   // inet_ntop
 #include <fmt/format.h>  // fmt::format
-#include <fmt/ranges.h>  // fmt::join
 #include <ifaddrs.h>     // getifaddrs
 
-#include <algorithm>  // std::find_if, std::min
+#include <algorithm>  // std::find_if
 #include <memory>     // std::unique_ptr
 #include <utility>    // std::move
+
+#include "apps/watch/text_safety.h"
 
 namespace kav_watch {
 namespace {
@@ -36,18 +37,11 @@ std::vector<std::string> local_addresses() {
   return texts;
 }
 
-std::string first_of(const std::vector<std::string>& texts, std::size_t most) {
-  const auto end = texts.begin() + static_cast<long>(std::min(texts.size(), most));
-  const std::string more =
-      texts.size() > most ? fmt::format(" and {} more", texts.size() - most) : "";
-  return fmt::format("{}{}", fmt::join(texts.begin(), end, ", "), more);
-}
-
 std::string interface_way_out(const watched_group& group) {
   const std::vector<std::string> addresses = local_addresses();
   const std::string there = addresses.empty()
                                 ? "this host has no address at all"
-                                : "this host has " + first_of(addresses, k_named_addresses);
+                                : "this host has " + first_texts(addresses, k_named_addresses);
   return group.info.m_LocalIp[0] == '\0'
              ? fmt::format("append @LOCALIP, the address of the interface to use; {}", there)
              : fmt::format("give the address of a local interface behind @; {}", there);
@@ -143,7 +137,7 @@ std::optional<std::string> reception_watch::silence(const counts_list& counts, t
   return fmt::format(
       "no datagram yet on {}; check that the sender runs, that the feed reaches the interface, and "
       "the firewall: see docs/multicast.md",
-      first_of(names, k_named_groups));
+      first_texts(names, k_named_groups));
 }
 
 bool reception_watch::add_drops(const counts_list& counts, std::vector<std::string>& lines) {

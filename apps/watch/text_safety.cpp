@@ -1,7 +1,8 @@
 #include "apps/watch/text_safety.h"
 
-#include <cstdint>   // std::uint32_t
-#include <iterator>  // std::back_inserter
+#include <algorithm>  // std::min
+#include <cstdint>    // std::uint32_t
+#include <iterator>   // std::back_inserter
 
 namespace kav_watch {
 namespace {
@@ -77,6 +78,17 @@ std::string ascii_text(std::string_view text) {
   for (char& c : out) {
     if (c < 0x20 || c > 0x7E) c = '?';
   }
+  return out;
+}
+
+std::string first_texts(const std::vector<std::string>& texts, std::size_t most) {
+  const std::size_t shown = std::min(texts.size(), most);
+  std::string out;
+  for (std::size_t i = 0; i < shown; ++i) {
+    if (i > 0) out += ", ";
+    out += texts[i];
+  }
+  if (shown < texts.size()) out += fmt::format(" and {} more", texts.size() - shown);
   return out;
 }
 

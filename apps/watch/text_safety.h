@@ -6,6 +6,7 @@
 #include <cstddef>      // std::size_t
 #include <string>       // std::string
 #include <string_view>  // std::string_view
+#include <vector>       // std::vector
 
 namespace kav_watch {
 
@@ -18,6 +19,9 @@ std::string printable_text(std::string_view text);
 
 // The same in plain ASCII, so that one byte is one column.
 std::string ascii_text(std::string_view text);
+
+// "a, b and 3 more": a list of which a message shows `most` at most.
+std::string first_texts(const std::vector<std::string>& texts, std::size_t most);
 
 // Appends a JSON string, quotes included. Bytes that are no UTF-8 become U+FFFD.
 void append_json_text(fmt::memory_buffer& out, std::string_view text);

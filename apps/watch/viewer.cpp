@@ -1,7 +1,6 @@
 #include "apps/watch/viewer.h"
 
 #include <fmt/format.h>  // fmt::format
-#include <fmt/ranges.h>  // fmt::join
 #include <poll.h>        // poll
 
 #include <algorithm>      // std::min, std::clamp
@@ -28,11 +27,7 @@ constexpr std::size_t k_named_symbols = 10;              // in one message
 void note(const std::string& text) { fmt::print(stderr, "kav-watch: {}\n", text); }
 
 std::string first_names(const std::vector<std::string>& names) {
-  const std::size_t shown = std::min(names.size(), k_named_symbols);
-  std::string text =
-      fmt::format("{}", fmt::join(names.begin(), names.begin() + static_cast<long>(shown), ", "));
-  if (shown < names.size()) text += fmt::format(" and {} more", names.size() - shown);
-  return printable_text(text);
+  return printable_text(first_texts(names, k_named_symbols));
 }
 
 bool colour_wanted() {

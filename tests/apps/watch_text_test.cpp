@@ -47,6 +47,13 @@ TEST(watch_text, ascii_text_has_one_column_per_byte) {
   EXPECT_EQ("x?????", ascii_text("x\xE9\x93\x9C\x7F\t"));
 }
 
+TEST(watch_text, a_long_list_shows_its_first_and_counts_the_others) {
+  EXPECT_EQ("", first_texts({}, 2));
+  EXPECT_EQ("a", first_texts({"a"}, 2));
+  EXPECT_EQ("a, b", first_texts({"a", "b"}, 2));
+  EXPECT_EQ("a, b and 2 more", first_texts({"a", "b", "c", "d"}, 2));
+}
+
 TEST(watch_text, json_text_escapes_quotes_backslashes_and_control_characters) {
   EXPECT_EQ(R"("a\"b\\c\u000a\u0000\u007f")", json("a\"b\\c\n\0\x7F"sv));
 }
