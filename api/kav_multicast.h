@@ -55,7 +55,7 @@ struct KAVMulticastStatistics {
   std::uint64_t m_Ignored;    // of a length that no record of the group has
   std::uint64_t m_Refused;    // lumen records without a valid symbol, or beyond 262,144 symbols
   std::uint64_t m_Dropped;    // thrown away by the system for want of buffer, before the library
-                              // saw them; up to date whenever a datagram has arrived
+                              // saw them
 };
 
 #define KAV_MULTICAST_MOST_GROUPS 1024u

@@ -1,12 +1,13 @@
 #include "sock/socket_multicast.h"
 
-#include <arpa/inet.h>    // inet_pton
-#include <fcntl.h>        // fcntl
-#include <netinet/in.h>   // IP_ADD_MEMBERSHIP
-#include <netinet/tcp.h>  // TCP_NODELAY
-#include <sys/epoll.h>    // epoll_wait
-#include <sys/socket.h>   // recvmsg, send
-#include <unistd.h>       // close
+#include <arpa/inet.h>        // inet_pton
+#include <fcntl.h>            // fcntl
+#include <linux/sock_diag.h>  // SK_MEMINFO_DROPS
+#include <netinet/in.h>       // IP_ADD_MEMBERSHIP
+#include <netinet/tcp.h>      // TCP_NODELAY
+#include <sys/epoll.h>        // epoll_wait
+#include <sys/socket.h>       // recvmsg, send
+#include <unistd.h>           // close
 
 #include <cerrno>   // errno
 #include <cstdint>  // std::uint32_t
@@ -99,26 +100,18 @@ bool open_receiver(int sock, const socket_multicast::multicast_unit& unit, in_ad
       !set_option(sock, IPPROTO_IP, IP_PKTINFO, 1)) {
     return false;
   }
-  set_option(sock, SOL_SOCKET, SO_RXQ_OVFL, 1);  // without it drops are only not counted
   return set_option(sock, SOL_SOCKET, SO_REUSEADDR, 1) && set_nonblocking(sock) &&
          ::bind(sock, as_sockaddr(any), sizeof(any)) == 0 &&
          join_group(sock, group.sin_addr, local.sin_addr) &&
          set_option(sock, SOL_SOCKET, SO_RCVBUF, k_receive_queue_bytes);
 }
 
-// What the system tells beside a datagram; left as it was where it tells nothing.
-struct datagram_facts {
-  std::uint32_t drops = 0;  // of the socket, so far
-  in_addr destination{};
-};
-
 // Zero behind each datagram. One thread at a time.
 class datagram_buffer {
  public:
-  // recvmsg() into the buffer.
-  ssize_t receive(int sock, datagram_facts& facts) {
-    alignas(cmsghdr) char
-        control[CMSG_SPACE(sizeof(facts.drops)) + CMSG_SPACE(sizeof(in_pktinfo))] = {};
+  // recvmsg() into the buffer. `destination` becomes the datagram's when the system tells it.
+  ssize_t receive(int sock, in_addr& destination) {
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
     iovec bytes{m_bytes, k_datagram_bytes};
     msghdr message{};
     message.msg_iov = &bytes;
@@ -129,7 +122,7 @@ class datagram_buffer {
     const ssize_t received = ::recvmsg(sock, &message, MSG_DONTWAIT);
     if (received < 0) return received;
     clear_behind(static_cast<std::size_t>(received));
-    read_facts(message, facts);
+    read_destination(message, destination);
     return received;
   }
   const char* data() const { return m_bytes; }
@@ -140,15 +133,12 @@ class datagram_buffer {
     m_used = length;
   }
 
-  static void read_facts(msghdr& message, datagram_facts& facts) {
+  static void read_destination(msghdr& message, in_addr& destination) {
     for (cmsghdr* part = CMSG_FIRSTHDR(&message); part; part = CMSG_NXTHDR(&message, part)) {
-      if (part->cmsg_level == SOL_SOCKET && part->cmsg_type == SO_RXQ_OVFL) {
-        std::memcpy(&facts.drops, CMSG_DATA(part), sizeof(facts.drops));
-      } else if (part->cmsg_level == IPPROTO_IP && part->cmsg_type == IP_PKTINFO) {
-        in_pktinfo info;
-        std::memcpy(&info, CMSG_DATA(part), sizeof(info));
-        facts.destination = info.ipi_addr;
-      }
+      if (part->cmsg_level != IPPROTO_IP || part->cmsg_type != IP_PKTINFO) continue;
+      in_pktinfo info;
+      std::memcpy(&info, CMSG_DATA(part), sizeof(info));
+      destination = info.ipi_addr;
     }
   }
 
@@ -162,10 +152,17 @@ class datagram_buffer {
 struct socket_multicast::channel {
   ~channel() { socket.close(); }
 
-  // By whoever receives: the system's count of the socket wraps at 2^32, ours does not.
-  void count_drops(std::uint32_t system_count) {
-    const std::uint32_t before = system_drops.exchange(system_count, std::memory_order_acq_rel);
-    dropped.fetch_add(system_count - before, std::memory_order_acq_rel);
+  // Asks the system, whose count wraps at 2^32; ours does not. A closed socket's is the last.
+  unsigned long long count_drops() {
+    const shared_descriptor::lease use(socket);
+    std::uint32_t memory[SK_MEMINFO_VARS] = {};
+    socklen_t size = sizeof(memory);
+    const mutex_locker guard(drops_lock);
+    if (::getsockopt(use.get(), SOL_SOCKET, SO_MEMINFO, memory, &size) == 0) {
+      dropped += memory[SK_MEMINFO_DROPS] - system_drops;
+      system_drops = memory[SK_MEMINFO_DROPS];
+    }
+    return dropped;
   }
 
   bool is_own(in_addr destination) const {
@@ -174,9 +171,9 @@ struct socket_multicast::channel {
 
   shared_descriptor socket;
   in_addr group{};  // that a receiver has joined; none for a sender. Constant once shared.
-  // Any thread.
-  std::atomic<std::uint32_t> system_drops{0};
-  std::atomic<unsigned long long> dropped{0};
+  mutex_lock drops_lock;
+  std::uint32_t system_drops KAV_GUARDED_BY(drops_lock) = 0;
+  unsigned long long dropped KAV_GUARDED_BY(drops_lock) = 0;
 };
 
 // What one sock_init() has opened. Constant once it is shared; the descriptors close on their own.
@@ -572,14 +569,10 @@ bool socket_multicast::event_multicast_client_receive(const int& sock) {
   {
     const descriptor_use use(*shared, sock);
     channel* const unit_channel = use.unit_channel();
-    datagram_facts facts;
-    if (unit_channel != nullptr) facts.drops = unit_channel->system_drops.load();
-    received = buffer->receive(use.get(), facts);
+    in_addr destination{};
+    received = buffer->receive(use.get(), destination);
     error = errno;
-    if (unit_channel != nullptr) {
-      unit_channel->count_drops(facts.drops);
-      own = unit_channel->is_own(facts.destination);
-    }
+    own = unit_channel == nullptr || unit_channel->is_own(destination);
   }
   if (received < 0) {
     log_msg(format_str("server receive remote client readline error(n_recved=%d, errno=%d)",
@@ -746,12 +739,14 @@ bool socket_multicast::disconnect_multicast(const std::string& alias) {
 }
 
 unsigned long long socket_multicast::get_dropped(int id) {
-  const mutex_locker guard(m_shared->lock);
-  const auto at = m_shared->units_by_id.find(id);
-  if (at == m_shared->units_by_id.end() || at->second == nullptr) return 0;
-  if (m_shared->opened == nullptr) return 0;
-  const std::shared_ptr<channel> unit_channel = m_shared->opened->find(at->second->socket);
-  return unit_channel == nullptr ? 0 : unit_channel->dropped.load(std::memory_order_acquire);
+  std::shared_ptr<channel> unit_channel;
+  {
+    const mutex_locker guard(m_shared->lock);
+    const auto at = m_shared->units_by_id.find(id);
+    if (at == m_shared->units_by_id.end() || at->second == nullptr) return 0;
+    if (m_shared->opened != nullptr) unit_channel = m_shared->opened->find(at->second->socket);
+  }
+  return unit_channel == nullptr ? 0 : unit_channel->count_drops();
 }
 
 bool socket_multicast::set_sock_options(const int& sock) {

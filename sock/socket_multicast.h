@@ -99,8 +99,8 @@ class socket_multicast {
   };
   open_failure get_open_failure();
 
-  // Datagrams for the unit that the system has dropped since it was opened, for want of buffer; as
-  // told with the last datagram received. 0 for an unknown unit.
+  // Datagrams for the unit that the system has dropped since it was opened, for want of buffer. 0
+  // for an unknown unit.
   unsigned long long get_dropped(int id);
 
   bool start_server_event_thread();

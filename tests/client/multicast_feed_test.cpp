@@ -52,7 +52,7 @@ class quote_keeper : public KAVQuoteEvent {
 // A client of its own for one feed, so that it is known which group a quote came from.
 class feed_client {
  public:
-  feed_client(const kav_feed::feed_group& from) : m_api(CreateKAVQuoteApi()), m_group(from) {
+  explicit feed_client(const kav_feed::feed_group& from) : m_api(CreateKAVQuoteApi()) {
     const KqsMulticastInfo info =
         group_info(from.address, from.port, kav_feed::name_of(from.which));
     m_started = StartKAVMulticast(m_api, &info, 1, &m_keeper, nullptr) == KAVMulticastStarted;
@@ -62,17 +62,13 @@ class feed_client {
   ~feed_client() { DestroyKAVQuoteApi(m_api); }
 
   bool started() const { return m_started; }
-  // Waits until `sent` datagrams have been received or dropped, and stops. What was dropped last is
-  // told with the next datagram, so more are sent, of a length that is ignored.
+  // Waits until `sent` datagrams have been received or dropped, and stops.
   KAVMulticastStatistics account_for(std::uint64_t sent) {
     KAVMulticastStatistics now{};
-    group_sender more(m_group.address, m_group.port);
     EXPECT_TRUE(wait_until(
         [&] {
-          if (!GetKAVMulticastStatistics(m_api, 0, &now)) return false;
-          if (now.m_Datagrams - now.m_Ignored + now.m_Dropped >= sent) return true;
-          more.send("x");
-          return false;
+          return GetKAVMulticastStatistics(m_api, 0, &now) &&
+                 now.m_Datagrams + now.m_Dropped >= sent;
         },
         k_patience));
     StopKAVMulticast(m_api);
@@ -82,7 +78,6 @@ class feed_client {
 
  private:
   KAVQuoteApi* const m_api;
-  const kav_feed::feed_group m_group;
   quote_keeper m_keeper;
   bool m_started = false;
 };
