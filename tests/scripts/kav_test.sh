@@ -237,12 +237,16 @@ expect_quotes_of() {  # SYMBOL-PATTERN EXCHANGE
 }
 
 expect_quotes_of_all_feeds() {
+  local feed
   expect_quotes_of 'rb[0-9]+' CFFEX  # SHFE
   expect_quotes_of 'sc[0-9]+' CFFEX  # INE
   expect_quotes_of 'IF[0-9]+' CFFEX
   expect_quotes_of 'TA[0-9]+' CZCE
   expect_quotes_of 'si[0-9]+' GFEX
   expect_quotes_of 'rb[0-9]+' SHFE  # lumen
+  for feed in SHFE INE CFFEX CZCE GFEX LUMEN; do
+    [[ $err =~ :$feed@127.0.0.1:\ [1-9][0-9]*\ datagrams ]] || fail "no sum of $feed: $err"
+  done
 }
 
 the_demo_shows_the_quotes_of_all_multicast_feeds() {
