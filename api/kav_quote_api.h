@@ -212,7 +212,7 @@ class KAVQuoteApi {
   // because the client already was; false: invalid arguments or no connection, OnLog() says why.
   virtual bool ConnServer(std::vector<KqsTcpInfo>& servers, KAVQuoteEvent* event) = 0;
   virtual bool ConnServer(KqsTcpInfo& server, KAVQuoteEvent* event) = 0;
-  // Returns 0 and does nothing in this version.
+  // Returns 0 and does nothing in this version; kav_multicast.h receives multicast groups.
   virtual int InitMulticast(std::vector<KqsMulticastInfo>& groups, KAVQuoteEvent* event) = 0;
   // Sends the login request: nonzero when it went out, else 0. The outcome comes through
   // OnLoginResult(). Only while connected and not logged in.
