@@ -14,5 +14,5 @@ kav_add_test(multicast_feed_test
     ${CMAKE_CURRENT_LIST_DIR}/multicast_feed_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/../support/tcp_peer.cpp
   LIBRARIES kav_session_support kav_feed_core ZLIB::ZLIB
-  TIMEOUT 300 RUN_SERIAL)
+  TIMEOUT 600 RUN_SERIAL)
 target_compile_definitions(multicast_feed_test PRIVATE KAV_SOURCE_DIR="${PROJECT_SOURCE_DIR}")

@@ -21,7 +21,7 @@ using kav_feed::feed;
 using kav_test::group;
 using kav_test::k_sanitized;
 
-constexpr int k_attempts = 5;  // on a machine that others use, a core may be away for too long
+constexpr int k_attempts = 10;  // on a machine that others use, a core may be away for too long
 constexpr int k_market_ticks = 10'000;
 constexpr std::size_t k_most_quotes = 300'000;
 
