@@ -127,7 +127,7 @@ KAVMarketDepthQuoteData as_delivered(const KAVMarketDepthQuoteData& tick, feed w
     quote.UpdateTime[7] = '\0';  // the datagram ends there
     quote.UpdateMillisec = 0;
   } else {
-    std::strcpy(quote.ExchangeID, "CFFEX");
+    put_text(quote.ExchangeID, sizeof(quote.ExchangeID), "CFFEX");
     quote.AveragePrice = 0;
   }
   return quote;
@@ -177,7 +177,8 @@ class lumen_model {
     q& quote = m_quotes[tick.InstrumentID];
     std::memcpy(quote.InstrumentID, tick.InstrumentID, sizeof(quote.InstrumentID));
     std::memcpy(quote.ExchangeInstID, tick.InstrumentID, sizeof(quote.ExchangeInstID));
-    std::strcpy(quote.ExchangeID, std::string(tick.ExchangeID) == "CFFEX" ? "CFFEX" : "SHFE");
+    const bool cffex = std::string(tick.ExchangeID) == "CFFEX";
+    put_text(quote.ExchangeID, sizeof(quote.ExchangeID), cffex ? "CFFEX" : "SHFE");
     std::memcpy(quote.UpdateTime, tick.UpdateTime, sizeof(quote.UpdateTime));
     quote.UpdateMillisec = tick.UpdateMillisec;
     return quote;
@@ -265,6 +266,7 @@ bool arrives_whole(const quote_list& ticks, kav_sim::tick_source& source,
 
 TEST_F(multicast_feed_test, every_field_of_a_made_up_market_arrives_through_every_feed) {
   std::vector<kav_feed::feed_group> groups;
+  groups.reserve(kav_feed::k_feed_count);
   for (const feed which : kav_feed::k_all_feeds) groups.push_back(group_of(which));
   kav_sim::market market{kav_sim::market_options{}};
   std::vector<kav_sim::tick> made(k_market_ticks);

@@ -13,9 +13,7 @@ namespace kav_session {
 namespace {
 
 using namespace std::chrono_literals;
-using kav_test::callback_kind;
 using kav_test::group;
-using kav_test::k_local;
 using kav_test::owned_fd;
 using kav_test::recorded_call;
 
@@ -94,6 +92,7 @@ TEST_F(multicast_reception_test, all_groups_of_a_client_are_received_by_one_thre
       shfe_datagram("rb2410", 1), cffex_datagram("IF2409", 2), czce_datagram("SR409", 3),
       gfex_datagram("si2409", 4), lumen_trade("au2412", 5, 6)};
   std::vector<KqsMulticastInfo> groups;
+  groups.reserve(names.size());
   for (int i = 0; i < 5; ++i) groups.push_back(info(i, names.at(static_cast<std::size_t>(i))));
   ASSERT_EQ(KAVMulticastStarted, start(groups));
   EXPECT_EQ(std::vector<int>(5, KAVMulticastStarted), m_results);
@@ -414,6 +413,7 @@ TEST_F(multicast_reception_test, destroying_the_client_inside_a_callback_is_put_
 TEST_F(multicast_reception_test, starting_and_stopping_from_many_threads_leaves_one_or_none) {
   const torrent pouring(*this, 1);
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([this, t] {
       const KqsMulticastInfo one = info(1, "SHFE");

@@ -3,13 +3,12 @@
 
 #include <zlib.h>  // gzgets
 
-#include <algorithm>  // std::min
-#include <cstdlib>    // strtod, getenv
-#include <cstring>    // memcpy
-#include <string>     // std::string
-#include <vector>     // std::vector
+#include <cstdlib>  // strtod, getenv
+#include <string>   // std::string
+#include <vector>   // std::vector
 
 #include "api/kav_quote_api.h"
+#include "tools/helpers.h"
 
 namespace kav_session {
 
@@ -17,8 +16,8 @@ using quote_list = std::vector<KAVMarketDepthQuoteData>;
 
 constexpr std::size_t k_sample_rows = 57'075;
 
-inline void put_text(char* field, std::size_t width, const std::string& text) {
-  std::memcpy(field, text.data(), std::min(text.size(), width - 1));
+inline void put_text(char* field, unsigned width, const std::string& text) {
+  VORLAN::TOOLS::strncpy_vl(field, width, text.c_str());
 }
 
 inline double number(const std::string& text) { return std::strtod(text.c_str(), nullptr); }
