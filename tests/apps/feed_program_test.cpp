@@ -47,6 +47,7 @@ class running_program {
     std::istringstream stream{arguments};
     for (std::string word; stream >> word;) words.push_back(word);
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
     int output[2], errors[2];
