@@ -1,13 +1,12 @@
 // kav-feed: the multicast feeds as a program.
 #include <fmt/format.h>
 
-#include <atomic>   // std::atomic
-#include <csignal>  // sigaction
-#include <cstdio>   // fflush
-#include <memory>   // std::unique_ptr
-#include <thread>   // std::this_thread::sleep_until
+#include <cstdio>  // fflush
+#include <memory>  // std::unique_ptr
+#include <thread>  // std::this_thread::sleep_until
 
 #include "apps/feed/program_options.h"
+#include "apps/sim/stop_signal.h"
 
 namespace {
 
@@ -17,20 +16,6 @@ using std::chrono::steady_clock;
 
 constexpr std::chrono::seconds k_progress_pause{10};
 constexpr milliseconds k_idle_slice{20};  // between two looks at the stop flag
-
-std::atomic<bool> g_signalled{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "set in a signal handler");
-
-void on_signal(int) { g_signalled.store(true, std::memory_order_relaxed); }
-bool is_signalled() { return g_signalled.load(std::memory_order_relaxed); }
-
-void catch_signals() {
-  struct sigaction action {};
-  action.sa_handler = on_signal;
-  ::sigaction(SIGINT, &action, nullptr);
-  ::sigaction(SIGTERM, &action, nullptr);
-  std::signal(SIGPIPE, SIG_IGN);  // whoever reads our lines may go away
-}
 
 steady_clock::duration time_of(double seconds) {
   return std::chrono::ceil<steady_clock::duration>(std::chrono::duration<double>{seconds});
@@ -60,10 +45,10 @@ void print_sums(const char* head, const program_options& options, const publishe
 // False: told to end meanwhile.
 bool wait_for_receivers(const program_options& options) {
   const auto end = steady_clock::now() + time_of(options.wait_seconds);
-  while (!is_signalled() && steady_clock::now() < end) {
+  while (!kav_sim::is_stop_asked() && steady_clock::now() < end) {
     std::this_thread::sleep_until(std::min(end, steady_clock::now() + k_idle_slice));
   }
-  return !is_signalled();
+  return !kav_sim::is_stop_asked();
 }
 
 int publish(const program_options& options, kav_sim::tick_source& source, publisher& feeds) {
@@ -78,7 +63,7 @@ int publish(const program_options& options, kav_sim::tick_source& source, publis
       progress_at += k_progress_pause;
       print_sums("progress", options, feeds);
     }
-    return !is_signalled();
+    return !kav_sim::is_stop_asked();
   };
   std::string error;
   const run_end end = feeds.run(source, how, error);
@@ -90,7 +75,7 @@ int run(const program_options& options) {
   std::string error;
   const std::unique_ptr<kav_sim::tick_source> source = make_source(options.source, error);
   if (!source) return complain(k_exit_bad_input, error);
-  catch_signals();
+  kav_sim::catch_stop_signals();
   publisher feeds{options.publishing};
   if (!feeds.open(error)) return complain(k_exit_failed, error);
   for (const feed_group& group : options.publishing.groups) print_line(text_of(group));

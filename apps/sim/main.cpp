@@ -1,13 +1,12 @@
 // kav-sim: the quote server as a program.
 #include <fmt/format.h>
 
-#include <atomic>   // std::atomic
-#include <csignal>  // sigaction
-#include <cstdio>   // fflush
-#include <thread>   // std::this_thread::sleep_for
+#include <cstdio>  // fflush
+#include <thread>  // std::this_thread::sleep_for
 
 #include "apps/sim/feed.h"
 #include "apps/sim/program_options.h"
+#include "apps/sim/stop_signal.h"
 
 namespace {
 
@@ -17,19 +16,6 @@ using std::chrono::steady_clock;
 
 constexpr std::chrono::seconds k_progress_pause{10};
 constexpr milliseconds k_idle_slice{20};  // between two looks at the stop flag
-
-std::atomic<bool> g_signalled{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "set in a signal handler");
-
-void on_signal(int) { g_signalled.store(true, std::memory_order_relaxed); }
-
-void catch_signals() {
-  struct sigaction action {};
-  action.sa_handler = on_signal;
-  ::sigaction(SIGINT, &action, nullptr);
-  ::sigaction(SIGTERM, &action, nullptr);
-  std::signal(SIGPIPE, SIG_IGN);  // whoever reads our lines may go away
-}
 
 milliseconds ms_of(double seconds) { return milliseconds{static_cast<long long>(seconds * 1000)}; }
 
@@ -64,7 +50,7 @@ class side_show {
   // False: it is time to end.
   bool keep_going() {
     const auto now = steady_clock::now();
-    if (g_signalled.load(std::memory_order_relaxed)) return false;
+    if (is_stop_asked()) return false;
     if (m_options.seconds > 0 && now - m_start >= ms_of(m_options.seconds)) return false;
     if (!m_options.quiet && now - m_progress_at >= k_progress_pause) {
       m_progress_at = now;
@@ -110,7 +96,7 @@ int run(const program_options& options) {
     for (const listed_symbol& s : source->symbols()) fmt::print("{} {}\n", s.type, s.name);
     return k_exit_good;
   }
-  catch_signals();
+  catch_stop_signals();
   quote_server server{server_of(options, *source)};
   server.set_behaviour(options.how);
   if (!server.start()) {
