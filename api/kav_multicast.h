@@ -28,7 +28,7 @@
 
 #include <cstdint>  // std::uint64_t
 
-#include "api/kav_quote_api.h"
+#include "kav_quote_api.h"  // beside this one, wherever the two are installed
 
 // What became of a request or of one of its groups.
 enum KAVMulticastResult : int {

@@ -174,6 +174,9 @@ static_assert(std::is_trivially_copyable<KAVMarketDepthQuoteData>::value, "copie
 //          From inside a callback every operation of the client may be called, DestroyKAVQuoteApi()
 //          included: the client then goes when the callback has returned.
 // Pace:    OnQuote() delays the quotes behind it; they wait in memory. Keep it short.
+// Errors:  a callback on a thread of the library may throw std::bad_alloc: a log line or a quote of
+//          a multicast group is lost then, anything else loses the connection, which is mended.
+//          Any other exception ends the process, as one that leaves a thread does.
 class KAVQuoteEvent {
  public:
   virtual ~KAVQuoteEvent() {}

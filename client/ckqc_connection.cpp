@@ -1,8 +1,12 @@
 // Connecting, logging in and disconnecting.
-#include <cstring>  // strnlen
-#include <memory>   // std::unique_ptr
-#include <new>      // std::bad_alloc
-#include <utility>  // std::move
+#include <strings.h>  // explicit_bzero
+
+#include <algorithm>  // std::max
+#include <cstring>    // strnlen
+#include <memory>     // std::unique_ptr
+#include <new>        // std::bad_alloc
+#include <thread>     // std::this_thread::sleep_for
+#include <utility>    // std::move
 
 #include "client/ckqc_tcp.h"
 #include "sock/vorlan_socket_thread.h"
@@ -18,7 +22,7 @@ namespace {
 constexpr unsigned k_close_delay_ms = 10;   // lets the callback that noticed the break return first
 constexpr unsigned k_refused_pause_ms = 5;  // between OnLoginResult and OnServerDisconnected
 constexpr int k_stop_polls = 1000;
-constexpr unsigned k_stop_poll_ms = 10;
+constexpr std::chrono::milliseconds k_stop_poll{10};
 constexpr std::chrono::milliseconds k_send_wait{10};  // longest wait for room until a stop is seen
 
 // Clears the flag at the end of the block.
@@ -40,6 +44,7 @@ bool Ckqc_tcp::ConnServer(std::vector<KqsTcpInfo>& servers, KAVQuoteEvent* event
   if (!visit) return false;
   if (is_busy()) return true;
   const flag_guard connecting(m_connecting);
+  kqc_connection::retry_closing();
   if (servers.empty() || event == nullptr) return refuse_connect_params();
   reset_register_symbol();
   set_endpoint(servers.front());
@@ -52,6 +57,7 @@ bool Ckqc_tcp::ConnServer(KqsTcpInfo& server, KAVQuoteEvent* event) {
   if (!visit) return false;
   if (is_busy()) return true;
   const flag_guard connecting(m_connecting);
+  kqc_connection::retry_closing();
   reset_register_symbol();
   set_endpoint(server);
   m_event.store(event, std::memory_order_release);
@@ -148,13 +154,16 @@ void Ckqc_tcp::set_logon_info(KqsLoginParam& param) {
   encrypt_md5(param.m_Password, static_cast<int>(length), m_digest);
 }
 
+kqs_login_req Ckqc_tcp::login_request() {
+  const mutex_locker guard(m_session_lock);
+  return make_login_req(m_user, m_digest);
+}
+
 bool Ckqc_tcp::send_logon_req() {
-  kqs_login_req msg{};
-  {
-    const mutex_locker guard(m_session_lock);
-    msg = make_login_req(m_user, m_digest);
-  }
-  if (send_now(&msg, sizeof(msg)) == int{sizeof(msg)}) return true;
+  kqs_login_req msg = login_request();
+  const int sent = send_now(&msg, sizeof(msg));
+  ::explicit_bzero(&msg, sizeof(msg));  // whoever has the digest can log in
+  if (sent == int{sizeof(msg)}) return true;
   write_log(LogLevelError, "[QuoteClient] send login msg failed.");
   return false;
 }
@@ -220,10 +229,10 @@ void Ckqc_tcp::refuse_login(char result, const char* reason, const kqc_connectio
 // A loss that was noticed before the answer could be read has dropped the connection already, and
 // told so.
 void Ckqc_tcp::end_without_worker(const char* reason, bool dropped) {
-  if (const event_call receiver{*this}) receiver->OnLoginResult(false, reason);
+  tell([&](KAVQuoteEvent& event) { event.OnLoginResult(false, reason); });
   if (!dropped) return;
   sleep_vl(k_refused_pause_ms);
-  if (const event_call receiver{*this}) receiver->OnServerDisconnected();
+  tell_disconnected();
 }
 
 void Ckqc_tcp::DisConnServer() {
@@ -243,7 +252,7 @@ void Ckqc_tcp::stop_worker() {
       return;
     }
     if (own_thread) return;  // the worker may be waiting for this very thread, or be it
-    sleep_vl(k_stop_poll_ms);
+    std::this_thread::sleep_for(k_stop_poll);  // not shortened by the host's signals
   }
   write_log(LogLevelError, "[QuoteClient]stop thread timeout");
 }
@@ -281,8 +290,9 @@ Ckqc_tcp::connection_ptr Ckqc_tcp::make_connection() {
   connection_ptr made;
   {
     const mutex_locker guard(m_connection_lock);
-    if (++m_last_serial == 0) ++m_last_serial;
-    made = std::make_shared<kqc_connection>(m_life, this, m_last_serial);
+    const std::uint32_t serial = std::max(m_last_serial.load(std::memory_order_relaxed) + 1, 1u);
+    m_last_serial.store(serial, std::memory_order_release);
+    made = std::make_shared<kqc_connection>(m_life, this, serial);
     m_connection = made;
   }
   // Whoever closed the client before has found no connection to cancel.
@@ -292,9 +302,8 @@ Ckqc_tcp::connection_ptr Ckqc_tcp::make_connection() {
 
 // Has a newer connection been made since `from`? One that is merely closed still has its say: a
 // close may overtake the answer that was sent before it.
-bool Ckqc_tcp::is_left_over(const kqc_connection* from) {
-  const mutex_locker guard(m_connection_lock);
-  return from != nullptr && from->serial() != m_last_serial;
+bool Ckqc_tcp::is_left_over(const kqc_connection* from) const {
+  return from != nullptr && from->serial() != m_last_serial.load(std::memory_order_acquire);
 }
 
 Ckqc_tcp::connection_ptr Ckqc_tcp::held_connection() {

@@ -43,12 +43,17 @@ unsigned int Ckqc_tcp::dispatch(const char* data, unsigned int length, const kqc
 }
 
 unsigned int Ckqc_tcp::on_quote_snapshot(const char* data, unsigned int length) {
-  if (data == nullptr || length < sizeof(kqs_quote)) return 0;
+  if (data == nullptr) return 0;
+  return deliver_quote(data, length, event_call{*this});
+}
+
+unsigned int Ckqc_tcp::deliver_quote(const char* data, unsigned int length, const event_call& to) {
+  if (length < sizeof(kqs_quote)) return 0;
   // The receive buffer is ours to change: the caller gets his own name for the symbol in place.
   auto* const msg = reinterpret_cast<kqs_quote*>(const_cast<char*>(data));
   const char* const name = vex_symbol_to_sge_symbol(msg->quote.InstrumentID);
   if (name != nullptr) fill_field(msg->quote.InstrumentID, name);
-  if (const event_call receiver{*this}) {
+  if (KAVQuoteEvent* const receiver = to.next()) {
     receiver->OnQuote(static_cast<KavKqsIntrumentType>(msg->instrument_type), &msg->quote);
   }
   return sizeof(kqs_quote);

@@ -1,6 +1,7 @@
 // Multicast quotes: from a datagram to the caller's object, and the reception of groups.
-#include <new>      // std::bad_alloc
-#include <utility>  // std::move
+#include <algorithm>  // std::copy, std::fill_n
+#include <new>        // std::bad_alloc
+#include <utility>    // std::move
 
 #include "client/ckqc_tcp.h"
 
@@ -43,16 +44,30 @@ int Ckqc_tcp::start_multicast(const KqsMulticastInfo* groups, unsigned count, KA
   const bool valid =
       groups != nullptr && event != nullptr && count > 0 && count <= KAV_MULTICAST_MOST_GROUPS;
   if (!visit || !valid) return KAVMulticastInvalidArgument;
+  reception_ptr starting;
   try {
     std::vector<int> own_results(count, KAVMulticastNotOpened);
-    reception_ptr starting;
     int result = begin_reception(*event, count, starting);
     if (starting != nullptr) result = starting->open(groups, own_results.data());
     if (starting != nullptr && result != KAVMulticastStarted) end_reception(starting);
     if (results != nullptr) std::copy(own_results.begin(), own_results.end(), results);
     return result;
   } catch (const std::bad_alloc&) {
+    if (starting != nullptr) starting->close();
+    if (starting != nullptr) end_reception(starting);
+    if (results != nullptr) std::fill_n(results, count, int{KAVMulticastNotOpened});
+    tell_out_of_memory(*event);
     return KAVMulticastSystemError;
+  }
+}
+
+void Ckqc_tcp::tell_out_of_memory(KAVQuoteEvent& event) {
+  constexpr char k_line[] = "[QuoteClient] multicast: no group was opened: out of memory.";
+  const client_life::call call(*m_life);
+  try {
+    if (call) event.OnLog(LogLevelError, k_line, static_cast<int>(sizeof(k_line) - 1));
+  } catch (const std::bad_alloc&) {
+    // The result says it too.
   }
 }
 

@@ -1,5 +1,6 @@
 // Which symbols the caller wants, which the server has confirmed, and the requests between them.
 #include <cstring>  // memcpy, strncpy
+#include <new>      // std::bad_alloc
 
 #include "client/ckqc_tcp.h"
 #include "feeds/sge_symbol.h"
@@ -40,9 +41,21 @@ int Ckqc_tcp::RegisterSymbol(KavKqsIntrumentType type, const char* symbol) {
   const client_life::visit visit(m_life, client_life::visitor::caller);
   if (!visit || symbol == nullptr) return 0;
   const kqs_symbol_info info = symbol_info(type, symbol);
-  const mutex_locker guard(m_symbol_list_lock);
-  if (m_symbol_list.is_exist(info.symbol)) m_to_register.set(info.symbol, info);
+  if (!want_symbol(info)) {
+    write_log(LogLevelError, "[QuoteClient] out of memory, symbol:%s dropped.", info.symbol);
+  }
   return 0;
+}
+
+// False: no memory for it, and nothing has changed.
+bool Ckqc_tcp::want_symbol(const kqs_symbol_info& info) {
+  const mutex_locker guard(m_symbol_list_lock);
+  try {
+    if (m_symbol_list.is_exist(info.symbol)) m_to_register.set(info.symbol, info);
+    return true;
+  } catch (const std::bad_alloc&) {
+    return m_to_register.is_exist(info.symbol);  // then only the table could not grow
+  }
 }
 
 int Ckqc_tcp::UnregisterSymbol(KavKqsIntrumentType type, const char* symbol) {
@@ -62,7 +75,10 @@ void Ckqc_tcp::reset_register_symbol() {
 
 unsigned int Ckqc_tcp::_th_check_and_register_symbol() {
   pending_requests pending;
-  collect_requests(pending);
+  if (!collect_requests(pending)) {
+    write_log(LogLevelError, "[QuoteClient] out of memory, registration put off.");
+    return k_busy_pause_ms;
+  }
   if (pending.registrations.empty() && pending.unregistrations.empty()) {
     if (m_registration_pending) write_log(LogLevelDebug, "[QuoteClient] nothing to reg or unreg");
     m_registration_pending = false;
@@ -83,12 +99,13 @@ unsigned int Ckqc_tcp::_th_check_and_register_symbol() {
   return k_busy_pause_ms;
 }
 
-void Ckqc_tcp::collect_requests(pending_requests& out) {
+// False: no memory for them, but the next pass collects them anew.
+bool Ckqc_tcp::collect_requests(pending_requests& out) try {
   const mutex_locker guard(m_symbol_list_lock);
   out.valid = static_cast<unsigned>(m_symbol_list.size());
   out.registered = static_cast<unsigned>(m_registered.size());
   out.wanted = static_cast<unsigned>(m_to_register.size());
-  if (out.registered == 0 && out.wanted == 0) return;
+  if (out.registered == 0 && out.wanted == 0) return true;
   // The analysis does not see that the lock is held inside the lambda.
   const auto visit_symbol = [&](const char* symbol, int type) KAV_NO_THREAD_SAFETY_ANALYSIS {
     const bool registered = m_registered.is_exist(symbol);
@@ -98,6 +115,9 @@ void Ckqc_tcp::collect_requests(pending_requests& out) {
                                        static_cast<char>(type), symbol));
   };
   m_symbol_list.for_each(visit_symbol);
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;
 }
 
 bool Ckqc_tcp::send_requests(const std::vector<kqs_symbol_req>& requests, const char* failure) {

@@ -1,5 +1,6 @@
 // The server's list of symbols: asked for once a login, kept, replayed on request.
 #include <cstring>  // memcpy, strnlen
+#include <new>      // std::bad_alloc
 #include <utility>  // std::pair
 
 #include "client/ckqc_tcp.h"
@@ -10,6 +11,7 @@ using VORLAN::TOOLS::mutex_locker;
 namespace {
 
 constexpr std::size_t k_longest_symbol = 128;
+constexpr char k_query_dropped[] = "[QuoteClient] out of memory, symbol list query dropped.";
 constexpr std::chrono::milliseconds k_list_wait{5000};  // from the query to the end of the list
 
 }  // namespace
@@ -18,11 +20,15 @@ int Ckqc_tcp::QuerySymbolList() {
   const client_life::visit visit(m_life, client_life::visitor::caller);
   if (!visit) return 0;
   const kqs_symbol_list_req msg = make_symbol_list_req();
-  item_ptr item(new kqc_data_and_event{kqc_event_send, nullptr, 0, 0});
-  item->data = new char[sizeof(msg)];
-  item->length = sizeof(msg);
-  std::memcpy(item->data, &msg, sizeof(msg));
-  queue_item(std::move(item));
+  try {
+    item_ptr item(new kqc_data_and_event{kqc_event_send, nullptr, 0, 0});
+    item->data = new char[sizeof(msg)];
+    item->length = sizeof(msg);
+    std::memcpy(item->data, &msg, sizeof(msg));
+    queue_item(std::move(item));
+  } catch (const std::bad_alloc&) {
+    write_log(LogLevelError, "%s", k_query_dropped);
+  }
   return 0;
 }
 
@@ -70,16 +76,24 @@ bool Ckqc_tcp::_th_try_query_symbol_list() {
   return true;
 }
 
+// False: no memory for it.
+bool Ckqc_tcp::copy_symbol_list(std::vector<std::pair<std::string, int>>& out) try {
+  const mutex_locker guard(m_symbol_list_lock);
+  out.reserve(m_symbol_list.size());
+  m_symbol_list.for_each([&out](const char* symbol, int type) { out.emplace_back(symbol, type); });
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;
+}
+
 // Answers QuerySymbolList() from a copy of the table: a list that arrives meanwhile changes
 // nothing.
 void Ckqc_tcp::_th_replay_symbol_list() {
   if (!has_event()) return;
   std::vector<std::pair<std::string, int>> symbols;
-  {
-    const mutex_locker guard(m_symbol_list_lock);
-    symbols.reserve(m_symbol_list.size());
-    m_symbol_list.for_each(
-        [&symbols](const char* symbol, int type) { symbols.emplace_back(symbol, type); });
+  if (!copy_symbol_list(symbols)) {
+    write_log(LogLevelError, "%s", k_query_dropped);
+    return;
   }
   for (const auto& [symbol, type] : symbols) {
     const event_call receiver{*this};

@@ -7,6 +7,7 @@
 #include <cstdarg>    // va_list
 #include <cstdio>     // vsnprintf
 #include <cstring>    // strlen
+#include <new>        // std::bad_alloc
 #include <utility>    // std::move
 
 using VORLAN::SOCK::socket_param;
@@ -39,6 +40,7 @@ Ckqc_tcp::~Ckqc_tcp() {
   if (connection_ptr connection = take_connection()) {
     kqc_connection::keep_without_client(std::move(connection));
   }
+  kqc_connection::retry_closing();
   const mutex_locker guard(m_session_lock);
   wipe_credentials();
 }
@@ -55,8 +57,8 @@ void Ckqc_tcp::operator delete(Ckqc_tcp* client, std::destroying_delete_t) {
   if (life->visited_by_this_thread()) {
     client->ask_to_stop();
     life->wait_other_calls(k_other_calls_limit);
-  } else {
-    client->shut_down(std::chrono::steady_clock::now() + k_leave_limit);
+  } else if (client->shut_down(std::chrono::steady_clock::now() + k_leave_limit)) {
+    kqc_connection::close_unclosed(life.get());  // not by the last visitor, which may be its thread
   }
   life->give_up(say_farewell, client);
 }
@@ -102,9 +104,8 @@ int Ckqc_tcp::write_log(KavKqsLogLevel level, const char* format, ...) {
   // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the analyzer loses sight of va_start
   std::vsnprintf(text, sizeof(text), format, arguments);
   va_end(arguments);
-  if (const event_call receiver{*this}) {
-    receiver->OnLog(level, text, static_cast<int>(std::strlen(text)));
-  }
+  tell(
+      [&](KAVQuoteEvent& event) { event.OnLog(level, text, static_cast<int>(std::strlen(text))); });
   return 0;
 }
 
@@ -151,8 +152,12 @@ void Ckqc_tcp::on_connection_lost(const kqc_connection* from) {
   if (running) {
     queue_loss(kqc_event_reconnect, from);
   } else if (drop_connection(from)) {
-    if (const event_call receiver{*this}) receiver->OnServerDisconnected();
+    tell_disconnected();
   }
+}
+
+void Ckqc_tcp::tell_disconnected() const {
+  tell([](KAVQuoteEvent& event) { event.OnServerDisconnected(); });
 }
 
 void Ckqc_tcp::on_data(socket_param& param, const kqc_connection* from) {
@@ -162,12 +167,7 @@ void Ckqc_tcp::on_data(socket_param& param, const kqc_connection* from) {
     param.set_proc_len(size);
     return;
   }
-  unsigned consumed = 0;
-  while (data != nullptr && consumed < size) {
-    const unsigned taken = dispatch(data + consumed, size - consumed, from);
-    if (taken == 0) break;
-    consumed += taken;
-  }
+  const unsigned consumed = cut_messages(data, size, from);
   if (consumed == k_broken_stream) {
     write_log(LogLevelError, "[QuoteClient] reveive error length msg.");
     param.set_proc_len(size);
@@ -177,10 +177,28 @@ void Ckqc_tcp::on_data(socket_param& param, const kqc_connection* from) {
   }
 }
 
+// How many bytes the messages took.
+unsigned Ckqc_tcp::cut_messages(const char* data, unsigned size, const kqc_connection* from) try {
+  const event_call receiver{*this};  // of all quotes in a row
+  unsigned consumed = 0;
+  while (data != nullptr && consumed < size) {
+    const char* const next = data + consumed;
+    const unsigned left = size - consumed;
+    const unsigned taken =
+        *next == k_kqs_quote ? deliver_quote(next, left, receiver) : dispatch(next, left, from);
+    if (taken == 0) break;
+    consumed += taken;
+  }
+  return consumed;
+} catch (const std::bad_alloc&) {
+  write_log(LogLevelError, "[QuoteClient] out of memory, connection given up.");
+  throw;  // the connection throws the rest away and reports its loss
+}
+
 void Ckqc_tcp::on_broken_stream(const kqc_connection* from) {
   if (m_thread_running.load(std::memory_order_acquire)) {
     queue_loss(kqc_event_bad_stream, from);
   } else if (drop_connection(from)) {
-    if (const event_call receiver{*this}) receiver->OnServerDisconnected();
+    tell_disconnected();
   }
 }

@@ -1,14 +1,15 @@
 // The one client behind KAVQuoteApi: a session with a quote server, kept alive on its own threads.
 #pragma once
 
-#include <atomic>   // std::atomic
-#include <chrono>   // std::chrono::milliseconds
-#include <cstdint>  // std::int32_t
-#include <deque>    // std::deque
-#include <memory>   // std::shared_ptr
-#include <new>      // std::destroying_delete_t
-#include <string>   // std::string
-#include <vector>   // std::vector
+#include <atomic>    // std::atomic
+#include <chrono>    // std::chrono::milliseconds
+#include <cstdint>   // std::int32_t
+#include <deque>     // std::deque
+#include <memory>    // std::shared_ptr
+#include <new>       // std::destroying_delete_t
+#include <optional>  // std::optional
+#include <string>    // std::string
+#include <vector>    // std::vector
 
 #include "api/kav_quote_api.h"
 #include "client/client_life.h"
@@ -150,24 +151,27 @@ class Ckqc_tcp : public KAVQuoteApi {
   enum class loss_outcome { mended, gave_up };
 
   // Calls without a visit, for the public operations and for each other.
-  bool connect_first(const KqsTcpInfo& server);
   bool is_busy();
   bool refuse_connect_params();
   void set_endpoint(const KqsTcpInfo& server);
   KqsTcpInfo endpoint();
+  kqs_login_req login_request();
   void stop_worker();
   void ask_to_stop();
   bool shut_down(std::chrono::steady_clock::time_point deadline);
   static void say_farewell(void* client);
   bool is_stopping() const;
   class event_call;
+  // One call of the caller's object. False: it had no memory for what it was told.
+  template <class CALL>
+  bool tell(CALL call) const;
   bool has_event() const;
 
   // Connections.
   connection_ptr make_connection();
   connection_ptr open_connection(const KqsTcpInfo& server, kqc_connection::setup_phase phase);
   void close_connection_before();
-  bool is_left_over(const kqc_connection* from);
+  bool is_left_over(const kqc_connection* from) const;
   connection_ptr held_connection();
   connection_ptr take_connection();
   bool drop_connection(const kqc_connection* which);
@@ -180,31 +184,38 @@ class Ckqc_tcp : public KAVQuoteApi {
   int handle_event(VORLAN::SOCK::socket_param& param, const kqc_connection* from);
   void on_connection_lost(const kqc_connection* from);
   void on_data(VORLAN::SOCK::socket_param& param, const kqc_connection* from);
+  unsigned cut_messages(const char* data, unsigned size, const kqc_connection* from);
   void on_broken_stream(const kqc_connection* from);
   unsigned int dispatch(const char* data, unsigned int length, const kqc_connection* from);
+  static unsigned int deliver_quote(const char* data, unsigned int length, const event_call& to);
   unsigned int handle_login_resp(const char* data, unsigned int length, const kqc_connection* from);
   void on_relogin_resp(char result);
   void start_worker(const kqc_connection* from);
   void refuse_login(char result, const char* reason, const kqc_connection* from);
   void end_without_worker(const char* reason, bool dropped);
+  void tell_disconnected() const;
 
   // Queue.
   void queue_item(item_ptr item);
   void queue_loss(kqc_event_kind kind, const kqc_connection* from);
   item_ptr take_front_item();
+  std::optional<kqc_data_and_event> take_unqueued_loss();
 
   // Worker.
   static void* worker_entry(void* client);
   bool _th_confirm_login();
+  bool _th_step(std::int64_t start);
   bool _th_handle_item(const kqc_data_and_event& item);
   void _th_replay_symbol_list();
   void _th_send_item(const kqc_data_and_event& item);
   bool _th_handle_loss(const kqc_data_and_event& item);
   loss_outcome _th_mend_loss();
   void _th_requeue_fresh_loss();
+  void _th_give_connection_up();
   void _th_idle_step(std::int64_t start);
   void _th_finish();
   void _th_close_connection();
+  void _th_forget_registered();
   void wipe_credentials() KAV_REQUIRES(m_session_lock);
   void _th_sleep(std::chrono::milliseconds time);
   // Sleeps until `done()`, as told by m_wake (true), or until the time is over or the client is to
@@ -215,13 +226,15 @@ class Ckqc_tcp : public KAVQuoteApi {
   // Symbols. No exchange lists nearly as many; the limit is for a server gone wild.
   static constexpr std::size_t k_most_symbols = 262'144;
   bool add_to_symbol_list(const char* symbol, int type);
+  bool copy_symbol_list(std::vector<std::pair<std::string, int>>& out);
+  bool want_symbol(const kqs_symbol_info& info);
   kqs_symbol_info symbol_info(KavKqsIntrumentType type, const char* symbol) const;
   struct pending_requests {
     std::vector<kqs_symbol_req> registrations;
     std::vector<kqs_symbol_req> unregistrations;
     unsigned valid = 0, registered = 0, wanted = 0;  // sizes of the three tables
   };
-  void collect_requests(pending_requests& out);
+  bool collect_requests(pending_requests& out);
   bool send_requests(const std::vector<kqs_symbol_req>& requests, const char* failure);
 
   // Shared with every visitor and connection; constant.
@@ -245,10 +258,12 @@ class Ckqc_tcp : public KAVQuoteApi {
 
   VORLAN::TOOLS::mutex_lock m_connection_lock;
   connection_ptr m_connection KAV_GUARDED_BY(m_connection_lock);  // null: none held
-  std::uint32_t m_last_serial KAV_GUARDED_BY(m_connection_lock) = 0;
+  std::atomic<std::uint32_t> m_last_serial{0};  // changed under the lock, read by any thread
 
   VORLAN::TOOLS::mutex_lock m_queue_lock;
   std::deque<item_ptr> m_queue KAV_GUARDED_BY(m_queue_lock);
+  // A loss that there was no memory to queue; the worker's when the queue is empty.
+  std::optional<kqc_data_and_event> m_unqueued_loss KAV_GUARDED_BY(m_queue_lock);
 
   // Orders all work on the three tables.
   VORLAN::TOOLS::mutex_lock m_symbol_list_lock;
@@ -277,6 +292,7 @@ class Ckqc_tcp : public KAVQuoteApi {
   reception_ptr reception();
   int begin_reception(KAVQuoteEvent& event, unsigned groups, reception_ptr& out);
   void end_reception(const reception_ptr& which);
+  void tell_out_of_memory(KAVQuoteEvent& event);
 
   mc_quote_target m_mc_target{*this};
   std::atomic<KAVQuoteEvent*> m_mc_event{nullptr};  // changed while nothing is received
@@ -290,18 +306,37 @@ class Ckqc_tcp : public KAVQuoteApi {
   bool m_registration_pending = true;  // worker only: requests went out since the last quiet pass
 };
 
-// One call of the caller's object, which exists and may be called if this is true.
+// One call of the caller's object, which exists and may be called if this is true; or several in a
+// row, each after another look at next().
 class Ckqc_tcp::event_call {
  public:
   explicit event_call(const Ckqc_tcp& client)
-      : m_call(*client.m_life), m_event(client.m_event.load(std::memory_order_acquire)) {}
+      : m_client(client),
+        m_call(*client.m_life),
+        m_event(client.m_event.load(std::memory_order_acquire)) {}
   explicit operator bool() const { return m_event != nullptr && static_cast<bool>(m_call); }
   KAVQuoteEvent* operator->() const { return m_event; }
+  KAVQuoteEvent& operator*() const { return *m_event; }
+  // The object to call now, null when there is none.
+  KAVQuoteEvent* next() const {
+    return m_call.still_allowed() ? m_client.m_event.load(std::memory_order_acquire) : nullptr;
+  }
 
  private:
+  const Ckqc_tcp& m_client;
   const client_life::call m_call;
   KAVQuoteEvent* const m_event;
 };
+
+template <class CALL>
+bool Ckqc_tcp::tell(CALL call) const {
+  try {
+    if (const event_call receiver{*this}) call(*receiver);
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
 
 template <class CONDITION>
 bool Ckqc_tcp::_th_wait(CONDITION done, std::chrono::milliseconds limit) {

@@ -1,6 +1,7 @@
 // The worker thread: confirms a login, sends, keeps the session alive, mends a loss.
 #include <ctime>    // time
-#include <utility>  // std::move
+#include <new>      // std::bad_alloc
+#include <utility>  // std::exchange, std::move
 
 #include "client/ckqc_tcp.h"
 #include "sock/vorlan_socket_thread.h"
@@ -45,14 +46,25 @@ void Ckqc_tcp::_th_kqc_send_and_reconn() {
   if (!_th_confirm_login()) return;  // has reported the failure and reset the client
   const std::int64_t start = std::time(nullptr);
   bool goes_on = true;
-  while (goes_on && !is_stopping()) {
-    if (const item_ptr item = take_front_item()) {
-      goes_on = _th_handle_item(*item);
-    } else {
-      _th_idle_step(start);
-    }
-  }
+  while (goes_on && !is_stopping()) goes_on = _th_step(start);
   _th_finish();
+}
+
+// False: the session is over.
+bool Ckqc_tcp::_th_step(std::int64_t start) try {
+  if (const item_ptr item = take_front_item()) return _th_handle_item(*item);
+  if (const auto loss = take_unqueued_loss()) return _th_handle_loss(*loss);
+  _th_idle_step(start);
+  return true;
+} catch (const std::bad_alloc&) {
+  _th_give_connection_up();
+  return true;
+}
+
+// The caller had no memory in one of his callbacks: nobody knows what he has missed.
+void Ckqc_tcp::_th_give_connection_up() {
+  write_log(LogLevelError, "[QuoteClient] out of memory, connection given up.");
+  queue_loss(kqc_event_reconnect, held_connection().get());
 }
 
 bool Ckqc_tcp::_th_confirm_login() {
@@ -61,15 +73,16 @@ bool Ckqc_tcp::_th_confirm_login() {
     char reason[256];
     snprintf_vl(reason, sizeof(reason), "query symbol error");
     write_log(LogLevelError, "[QuoteClient] %s", reason);
-    if (const event_call receiver{*this}) receiver->OnLoginResult(false, reason);
+    tell([&](KAVQuoteEvent& event) { event.OnLoginResult(false, reason); });
     m_thread_running.store(false, std::memory_order_release);
     return false;
   }
   m_status.store(KqcStatusLogon, std::memory_order_release);
-  if (const event_call receiver{*this}) receiver->OnLoginResult(true, "");
+  const bool told = tell([](KAVQuoteEvent& event) { event.OnLoginResult(true, ""); });
   const KqsTcpInfo server = endpoint();
   write_log(LogLevelInfo, "[QuoteClient] login success. server ip: %s, port: %d.",
             server.m_ServerIp, int{server.m_ServerPort});
+  if (!told) _th_give_connection_up();
   return true;
 }
 
@@ -107,10 +120,7 @@ bool Ckqc_tcp::_th_handle_loss(const kqc_data_and_event& item) {
     _th_close_connection();
     _th_clear_deque();
   }
-  {
-    const mutex_locker guard(m_symbol_list_lock);
-    m_registered.clear();  // every wanted symbol is to be registered again
-  }
+  _th_forget_registered();  // every wanted symbol is to be registered again
   const loss_outcome outcome = _th_mend_loss();
   _th_clear_deque();
   if (outcome == loss_outcome::gave_up) return false;
@@ -185,6 +195,7 @@ bool Ckqc_tcp::_th_try_reconn() {
     _th_sleep(k_reconnect_wait);
     if (is_stopping()) return false;
     _th_close_connection();
+    _th_forget_registered();  // answers that were still to be read have come in between
     if (is_stopping()) return false;
     const KqsTcpInfo server = endpoint();
     if (open_connection(server, kqc_connection::k_announced) != nullptr) return true;
@@ -199,6 +210,11 @@ void Ckqc_tcp::_th_close_connection() {
   if (connection == nullptr) return;
   connection->tcp().sock_close();
   sleep_vl(k_closed_pause_ms);
+}
+
+void Ckqc_tcp::_th_forget_registered() {
+  const mutex_locker guard(m_symbol_list_lock);
+  m_registered.clear();
 }
 
 void Ckqc_tcp::_th_reset() {
@@ -220,8 +236,19 @@ void Ckqc_tcp::queue_item(item_ptr item) {
 }
 
 void Ckqc_tcp::queue_loss(kqc_event_kind kind, const kqc_connection* from) {
-  queue_item(
-      item_ptr(new kqc_data_and_event{kind, nullptr, 0, from == nullptr ? 0 : from->serial()}));
+  const kqc_data_and_event loss{kind, nullptr, 0, from == nullptr ? 0 : from->serial()};
+  try {
+    queue_item(item_ptr(new kqc_data_and_event(loss)));
+  } catch (const std::bad_alloc&) {
+    const mutex_locker guard(m_queue_lock);
+    const bool newer = !m_unqueued_loss || loss.connection >= m_unqueued_loss->connection;
+    if (newer) m_unqueued_loss = loss;
+  }
+}
+
+std::optional<kqc_data_and_event> Ckqc_tcp::take_unqueued_loss() {
+  const mutex_locker guard(m_queue_lock);
+  return std::exchange(m_unqueued_loss, std::nullopt);
 }
 
 Ckqc_tcp::item_ptr Ckqc_tcp::take_front_item() {
@@ -236,6 +263,7 @@ void Ckqc_tcp::_th_clear_deque() {
   std::deque<item_ptr> dropped;  // freed after the lock has been given back
   const mutex_locker guard(m_queue_lock);
   dropped.swap(m_queue);
+  m_unqueued_loss.reset();
 }
 
 void Ckqc_tcp::_th_sleep(std::chrono::milliseconds time) {

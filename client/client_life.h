@@ -83,8 +83,8 @@ class client_life::visit {
   const visit* m_outer = nullptr;  // the visit that this thread was in before
 };
 
-// A call of the caller's code, for as long as it lasts; false when there may be none. The caller of
-// this is a visitor.
+// A call of the caller's code, for as long as it lasts, or several of them in a row; false when
+// there may be none. The caller of this is a visitor.
 class client_life::call {
  public:
   explicit call(client_life& life);
@@ -92,6 +92,8 @@ class client_life::call {
   call& operator=(const call&) = delete;
   ~call();
   explicit operator bool() const { return m_allowed; }
+  // May the next call in a row begin?
+  bool still_allowed() const { return m_allowed && !m_life.is_closed(); }
 
  private:
   friend class client_life;

@@ -24,7 +24,8 @@ class kqc_connection : public std::enable_shared_from_this<kqc_connection> {
   kqc_connection(std::shared_ptr<client_life> life, Ckqc_tcp* client, std::uint32_t serial);
   kqc_connection(const kqc_connection&) = delete;
   kqc_connection& operator=(const kqc_connection&) = delete;
-  ~kqc_connection() = default;
+  // Whoever still waits for a phase need not any more.
+  ~kqc_connection();
 
   VORLAN::SOCK::socket_cache_client& tcp() { return m_tcp; }
   // Distinguishes the connections of one client; never 0.
@@ -42,16 +43,28 @@ class kqc_connection : public std::enable_shared_from_this<kqc_connection> {
   void set_lost() { m_lost.store(true, std::memory_order_release); }
 
   // Closes and frees `connection` 10 ms from now on a thread of its own ("kav-close"), which is a
-  // visitor of the client until then. To be called by a visitor.
+  // visitor of the client until then. To be called by a visitor. When no thread can be had, the
+  // connection is cut at once and is freed by whoever can do it next: the next such thread of any
+  // client, retry_closing(), or the end of the client.
   static void close_later(std::shared_ptr<kqc_connection> connection);
   // The client goes; the connection stays until the server closes it.
   static void keep_without_client(std::shared_ptr<kqc_connection> connection);
+  // Another try with what has found no closing thread. Any thread.
+  static void retry_closing();
+  // Closes and frees here what has found none; null: of every client. By a thread that is not one
+  // of theirs.
+  static void close_unclosed(const client_life* of);
 
  private:
-  struct closing_job;
-  static void* closing_thread(void* job);
+  class ownerless;
+  enum class closes_for : int { nobody, client };
+
+  static ownerless& kept();
+  static ownerless& unclosed();
+  static bool take_from_kept(const kqc_connection* which);
+  static void* closing_thread(void* closing);
   static int on_socket_event(VORLAN::SOCK::socket_param& param, void* connection);
-  static void start_closing_thread(std::unique_ptr<closing_job> job);
+  static void start_closing_thread(std::shared_ptr<kqc_connection> connection, closes_for whom);
   void on_event_without_client(VORLAN::SOCK::socket_param& param);
 
   // Constant.
@@ -61,6 +74,11 @@ class kqc_connection : public std::enable_shared_from_this<kqc_connection> {
   // Any thread.
   std::atomic<setup_phase> m_phase{k_setting_up};
   std::atomic<bool> m_lost{false};
+  // In a list of ownerless connections: the next one, under its lock.
+  std::shared_ptr<kqc_connection> m_next;
+  // Of the closing thread, from before its creation on: its share, and whom it visits.
+  std::shared_ptr<kqc_connection> m_closing;
+  closes_for m_closes_for = closes_for::nobody;
   // Last: its threads use the members above.
   VORLAN::SOCK::socket_cache_client m_tcp;
 };

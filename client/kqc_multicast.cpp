@@ -7,6 +7,7 @@
 #include <algorithm>  // std::all_of
 #include <cerrno>     // EADDRINUSE
 #include <cstring>    // strerror, strnlen
+#include <new>        // std::bad_alloc
 #include <utility>    // std::move
 
 #include "client/ckqc_tcp.h"
@@ -25,7 +26,7 @@ constexpr char k_lumen[] = "LUMEN";  // the name of a group that carries no exch
 constexpr char k_any_address[] = "0.0.0.0";
 constexpr unsigned k_error_pause_ms = 10;  // a socket that keeps failing must not occupy a core
 
-// The reception that this thread is inside a callback of.
+// The reception whose datagrams this thread delivers, as a visitor of the client.
 thread_local const kqc_multicast* t_reception = nullptr;
 
 class callback_mark {
@@ -57,7 +58,17 @@ void count_one(std::atomic<std::uint64_t>& counter) {  // by the only thread tha
 // would silence a feed for the rest of the day.
 class kqc_multicast::feed_receiver : public socket_multicast {
  public:
+  feed_receiver(const kqc_multicast& reception, std::shared_ptr<client_life> life)
+      : m_reception(reception), m_life(std::move(life)) {}
   ~feed_receiver() override { sock_close(); }  // no call of ours is under way any more
+
+  // One visit for all datagrams that have come at once. Its end may be the end of the client, and
+  // of this object.
+  bool event_multicast_client_receive(const int& sock) override {
+    const client_life::visit visit(m_life, client_life::visitor::caller);
+    const callback_mark mark(visit ? &m_reception : nullptr);
+    return socket_multicast::event_multicast_client_receive(sock);
+  }
 
   bool event_multicast_client_close(const int& sock, bool local) override {
     if (local) return socket_multicast::event_multicast_client_close(sock, local);
@@ -67,6 +78,10 @@ class kqc_multicast::feed_receiver : public socket_multicast {
     if (!read || error != 0) VORLAN::SOCK::vl_sleep(k_error_pause_ms);
     return true;
   }
+
+ private:
+  const kqc_multicast& m_reception;
+  const std::shared_ptr<client_life> m_life;
 };
 
 kqc_multicast::kqc_multicast(Ckqc_tcp& client, std::shared_ptr<client_life> life,
@@ -75,7 +90,7 @@ kqc_multicast::kqc_multicast(Ckqc_tcp& client, std::shared_ptr<client_life> life
       m_life(std::move(life)),
       m_event(event),
       m_groups(groups),
-      m_receiver(std::make_unique<feed_receiver>()) {}
+      m_receiver(std::make_unique<feed_receiver>(*this, m_life)) {}
 
 kqc_multicast::~kqc_multicast() = default;
 
@@ -158,7 +173,7 @@ int kqc_multicast::judge(const socket_multicast::open_failure& failure) {
 // failure is told, not only the first. Nothing of it stays open.
 void kqc_multicast::find_failures(int* results) {
   for (bool again = true; again;) {
-    feed_receiver trial;
+    feed_receiver trial(*this, m_life);
     std::vector<std::size_t> group_of_unit;
     for (std::size_t i = 0; i < m_groups.size(); ++i) {
       if (results[i] != KAVMulticastStarted) continue;
@@ -193,7 +208,8 @@ int kqc_multicast::explain(const int* results) {
     request = KAVMulticastGroupFailed;
   }
   if (request == KAVMulticastSystemError) {
-    write_log(LogLevelError, "[QuoteClient] multicast: no group was opened" + reason + ".");
+    write_log(LogLevelError,
+              format_str("[QuoteClient] multicast: no group was opened%s.", reason.c_str()));
   }
   return request;
 }
@@ -217,10 +233,8 @@ bool kqc_multicast::in_callback() const { return t_reception == this; }
 int kqc_multicast::receive_callback(socket_param& param, void* reception) {
   auto* const self = static_cast<kqc_multicast*>(reception);
   const int size = static_cast<int>(param.get_buff_size());
-  const client_life::visit visit(self->m_life, client_life::visitor::caller);
-  if (!visit || self->is_closed()) return size;
-  const callback_mark mark(self);
-  self->receive(param);
+  const bool visits = self->in_callback();
+  if (visits && !self->m_life->is_closed() && !self->is_closed()) self->receive(param);
   return size;
 }
 
@@ -255,5 +269,9 @@ bool kqc_multicast::statistics(std::size_t index, KAVMulticastStatistics& out) c
 
 void kqc_multicast::write_log(KavKqsLogLevel level, const std::string& line) {
   const client_life::call call(*m_life);
-  if (call) m_event.OnLog(level, line.c_str(), static_cast<int>(line.size()));
+  try {
+    if (call) m_event.OnLog(level, line.c_str(), static_cast<int>(line.size()));
+  } catch (const std::bad_alloc&) {
+    // A line that its receiver has no memory for is lost.
+  }
 }

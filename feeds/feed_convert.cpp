@@ -58,6 +58,9 @@ void copy_text(char (&dst)[DST], source_text<SRC> src) {
   dst[k_longest] = '\0';
 }
 
+// Two digits in the order in which they are printed, less the '0' of each; of more, none.
+std::uint64_t two_digits(unsigned value) { return value / 10 | value % 10 << 8; }
+
 template <std::size_t DST, std::size_t SIZE>
 void copy_name(char (&dst)[DST], const char (&name)[SIZE]) {
   static_assert(SIZE <= DST, "an exchange name fits its field");
@@ -119,8 +122,12 @@ void copy_levels(const ftdc_depth_market_data* source, KAVMarketDepthQuoteData* 
   }
 }
 
+// Level by level: cleared as one block, they would cost a `rep stos` and its slow start.
 void clear_levels_2_to_5(KAVMarketDepthQuoteData* quote) {
-  std::memset(reinterpret_cast<char*>(quote) + k_level_2, 0, (k_level_count - 1) * k_level_bytes);
+  char* const levels = reinterpret_cast<char*>(quote) + k_level_2;
+  for (std::size_t i = 0; i + 1 < k_level_count; ++i) {
+    std::memset(levels + i * k_level_bytes, 0, k_level_bytes);
+  }
 }
 
 // ---- SHFE, INE and CFFEX.
@@ -153,15 +160,28 @@ void convert_ftdc(const ftdc_depth_market_data* source, KAVMarketDepthQuoteData*
 
 // ---- CZCE.
 
-// YYYYMMDD in both; of numbers that are no date, the first eight digits.
-void print_date(const MarketMatchData* source, KAVMarketDepthQuoteData* quote) {
+// The first eight digits of numbers that are no date.
+std::uint64_t odd_date_text(unsigned year, unsigned month, unsigned day) {
   char text[11];  // 65535, 255 and 255 at most
-  char* end = print_padded(text, KAV_READ(Year), 4);
-  end = print_padded(end, KAV_READ(Month), 2);
-  print_padded(end, KAV_READ(Day), 2);
-  text[sizeof(quote->TradingDay) - 1] = '\0';
-  std::memcpy(quote->TradingDay, text, sizeof(quote->TradingDay));
-  std::memcpy(quote->UpdateTime, text, sizeof(quote->UpdateTime));
+  print_padded(print_padded(print_padded(text, year, 4), month, 2), day, 2);
+  return read_le<std::uint64_t>(text, 0);
+}
+
+// YYYYMMDD as the eight characters lie in memory.
+std::uint64_t date_text(unsigned year, unsigned month, unsigned day) {
+  if (year > 9999 || month > 99 || day > 99) return odd_date_text(year, month, day);
+  return (two_digits(year / 100) | two_digits(year % 100) << 16 | two_digits(month) << 32 |
+          two_digits(day) << 48) +
+         k_word_ones * '0';
+}
+
+// The date in both.
+void print_date(const MarketMatchData* source, KAVMarketDepthQuoteData* quote) {
+  const std::uint64_t text = date_text(KAV_READ(Year), KAV_READ(Month), KAV_READ(Day));
+  for (char* field : {quote->TradingDay, quote->UpdateTime}) {
+    std::memcpy(field, &text, sizeof(text));
+    field[sizeof(text)] = '\0';
+  }
 }
 
 void convert_zce_prices(const MarketMatchData* source, KAVMarketDepthQuoteData* quote) {

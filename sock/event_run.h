@@ -3,7 +3,9 @@
 
 #include <atomic>   // std::atomic
 #include <cstddef>  // std::size_t
+#include <cstdint>  // std::uint32_t
 
+#include "sock/reading_loan.h"
 #include "sock/shared_descriptor.h"
 
 namespace VORLAN {
@@ -25,13 +27,24 @@ struct abandoned_run {};
 // its owner. Lives as long as either of them.
 struct event_run {
   static constexpr std::size_t k_receive_buffer_bytes = 8192;
+  static const std::uint32_t k_watched_events;
+
+  // Has the epoll instance watch the socket for these events. False: it is closed.
+  bool watch(std::uint32_t events);
 
   shared_descriptor socket;
   shared_descriptor epoll;
   std::atomic<bool> stop{false};       // raised by the owner and by the event thread
   std::atomic<bool> ended{true};       // cleared before the thread exists, set as its last touch
   std::atomic<bool> keep_open{false};  // the owner is gone: leave the descriptors open
+  std::atomic<bool> at_end{false};     // by the peer or an error: the reading is not lent again
   std::atomic<event_thread_place> place{k_place_not_started};
+  // Whose turn it is to read; by whoever has it: whom to wake when a loan ends, and the error that
+  // the borrower has come upon (0: none), for the event thread to report.
+  reading_turn turn;
+  wake_event* borrower = nullptr;
+  int read_error = 0;
+  std::uint32_t seen_absence = 0;               // event thread only; 0: the borrower was not absent
   char receive_buffer[k_receive_buffer_bytes];  // event thread only
 };
 

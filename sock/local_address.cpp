@@ -89,6 +89,7 @@ int load_ip_and_mac(ip_and_mac* table, int max) {
 }
 
 // By value: the signature is the one that callers link against.
+// cppcheck-suppress passedByValue
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 std::string get_local_ip(std::string ifname) {
   const query_socket query(SOCK_DGRAM);

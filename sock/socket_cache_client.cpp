@@ -27,7 +27,29 @@ constexpr std::chrono::milliseconds k_send_wait{10};  // longest wait for room i
 // the peer may be sending without end.
 constexpr std::chrono::milliseconds k_drain_limit{300};
 
+// With more chunks than these waiting, a receive thread that is done with each of them so soon
+// takes the reading over: it is not a slow callback that they wait for, and the peer may send
+// without end.
+constexpr std::size_t k_many_chunks = 64;
+constexpr std::chrono::milliseconds k_quick_offer{2};
+// With more than these waiting, 32 MB, the event thread reads on at 8 MB a second only: it would
+// fill all memory while the system keeps the receive thread waiting.
+constexpr std::size_t k_very_many_chunks = 4096;
+constexpr unsigned k_reading_pause_ms = 1;
+
 constexpr unsigned k_offered_poll_ms = 1;  // how often wait_offered() looks
+
+// Counts a chunk as done at the end of a block.
+class done_mark {
+ public:
+  explicit done_mark(std::atomic<std::uint64_t>& done) : m_done(done) {}
+  done_mark(const done_mark&) = delete;
+  done_mark& operator=(const done_mark&) = delete;
+  ~done_mark() { m_done.fetch_add(1, std::memory_order_release); }
+
+ private:
+  std::atomic<std::uint64_t>& m_done;
+};
 
 class named_thread : public vorlan_socket_thread {
  public:
@@ -56,7 +78,9 @@ socket_cache_client::socket_cache_client(unsigned stream_size)
       m_receive_thread(
           make_thread("kav-receive", thread_receive_proc, this, k_idle_wait_us, IDLE_WAKE)),
       m_reconnect_thread(make_thread("kav-reconnect", thread_auto_reconn, this, k_reconnect_wait_us,
-                                     IDLE_WAKE_OR_WAIT)) {
+                                     IDLE_WAKE_OR_WAIT)),
+      m_loan(m_receive_thread->wake_word()) {
+  m_receive_thread->set_idle_wait(wait_for_bytes);
   set_internal_callback();
 }
 
@@ -78,22 +102,26 @@ void socket_cache_client::stop_threads() {
 }
 
 bool socket_cache_client::sock_init(const std::string& ip, unsigned short port, socket_callback cb,
-                                    void* user, bool queue_sends) {
+                                    void* user, bool queue_sends) try {
   endpoint target;
   target.ip = ip;
   target.port = port;
   return init_with(target, false, cb, user, queue_sends);
+} catch (const std::bad_alloc&) {
+  return false;  // before anything was connected
 }
 
 bool socket_cache_client::sock_init(const std::string& ip, unsigned short port,
                                     const std::string& local_ip, unsigned short local_port,
-                                    socket_callback cb, void* user, bool queue_sends) {
+                                    socket_callback cb, void* user, bool queue_sends) try {
   endpoint target;
   target.ip = ip;
   target.port = port;
   target.local_ip = local_ip;
   target.local_port = local_port;
   return init_with(target, true, cb, user, queue_sends);
+} catch (const std::bad_alloc&) {
+  return false;  // before anything was connected
 }
 
 bool socket_cache_client::init_with(const endpoint& target, bool local_form, socket_callback cb,
@@ -115,14 +143,14 @@ bool socket_cache_client::init_with(const endpoint& target, bool local_form, soc
     const std::lock_guard<mutex_lock> guard(m_connect_lock);
     connected = connect_to(target, local_form);
   }
-  m_reconnect_thread->start();
+  m_reconnect_thread->start();  // without one the connection is as good, as long as it lasts
   if (connected) m_send_thread->wake();
   return connected;
 }
 
 bool socket_cache_client::start_thread(vorlan_socket_thread& thread, const char* name,
                                        const endpoint& target, bool local_form) {
-  if (thread.start()) return true;
+  if (thread.start() && thread.get_thread_id() != 0) return true;
   std::string line = format_str("start %s thread error, server ip:%s, server port:%d", name,
                                 target.ip.c_str(), target.port);
   if (local_form) {
@@ -134,6 +162,7 @@ bool socket_cache_client::start_thread(vorlan_socket_thread& thread, const char*
 
 bool socket_cache_client::connect_to(const endpoint& target, bool local_form) {
   const auto port = static_cast<unsigned short>(target.port);
+  m_stream_lost.store(false, std::memory_order_release);
   if (!local_form) return socket_client::sock_init(target.ip, port, cache_callback, this);
   return socket_client::sock_init(target.ip, port, target.local_ip,
                                   static_cast<unsigned short>(target.local_port), cache_callback,
@@ -151,41 +180,132 @@ int socket_cache_client::on_cache_callback(socket_param& param) {
     if (callback != nullptr) call_user(callback, param, m_user.load(std::memory_order_acquire));
     return 0;
   }
-  buffer* const chunk = m_pool.get();
+  pooled_buffer chunk = take_buffer();
   if (!chunk->reset_data(param.get_buff_addr(), param.get_buff_size())) {
-    m_pool.put(chunk);
     throw std::bad_alloc();  // the stream has a hole now; the event thread ends the connection
   }
-  m_receive_queue.push(chunk);
+  m_receive_queue.push(chunk.get());
+  static_cast<void>(chunk.release());  // the queue's now
   m_chunks_received.fetch_add(1, std::memory_order_release);
   m_receive_thread->wake();
+  if (m_receive_queue.size() > k_very_many_chunks) vl_sleep(k_reading_pause_ms);
   return 0;
+}
+
+socket_cache_client::pooled_buffer socket_cache_client::take_buffer() {
+  return pooled_buffer(m_pool.get(), give_back{&m_pool});
 }
 
 int socket_cache_client::thread_receive_proc(void* client) {
   return static_cast<socket_cache_client*>(client)->on_thread_receive_proc();
 }
 
+// Who has no memory for what is in the stream can make nothing of what follows.
 int socket_cache_client::on_thread_receive_proc() {
+  try {
+    return deliver_received();
+  } catch (const std::bad_alloc&) {
+    m_stream.lock_stream();
+    lose_stream();
+    m_stream.unlock_stream();
+    m_offering.store(false, std::memory_order_release);
+    return 1;  // there may be more in the queue, to be thrown away
+  }
+}
+
+int socket_cache_client::deliver_received() {
   using clock = std::chrono::steady_clock;
   bool draining = false;
   clock::time_point drain_end;
   std::size_t left = 0;
   for (;;) {
     if (receive_ends()) {
+      m_loan.give_back();
       if (!draining) {
         draining = true;
         drain_end = clock::now() + k_drain_limit;
-        left = m_receive_queue.size();
+        left = m_receive_queue.size() + held_back_chunks();
       }
       if (left == 0 || clock::now() >= drain_end) return 0;
       --left;
     }
-    buffer* chunk = nullptr;
-    if (!m_receive_queue.try_pop(chunk)) return 0;
-    if (append_chunk(chunk)) offer_stream();
-    m_chunks_done.fetch_add(1, std::memory_order_release);
+    if (!take_held_back() && !take_queued() && !take_from_socket()) return 0;
   }
+}
+
+// What the event thread has read. False: nothing.
+bool socket_cache_client::take_queued() {
+  buffer* chunk = nullptr;
+  if (!m_receive_queue.try_pop(chunk)) return false;
+  const done_mark done(m_chunks_done);
+  m_loan.leave();
+  const auto begin = std::chrono::steady_clock::now();
+  m_stream.lock_stream();
+  if (!m_stream.push_data(chunk->get_data_ptr(), chunk->get_data_len())) lose_stream();
+  const stream_content content = offered_content();
+  m_stream.unlock_stream();
+  m_pool.put(chunk);
+  offer(content);
+  if (std::chrono::steady_clock::now() - begin < k_quick_offer) take_over_reading();
+  return true;
+}
+
+void socket_cache_client::take_over_reading() {
+  if (m_loan.is_held() || m_receive_queue.size() <= k_many_chunks || receive_ends()) return;
+  m_loan.borrow(current_run());
+}
+
+// What has arrived while this thread waits in place of the event thread. False: nothing. Much is
+// read at once, but offered in chunks as they would have come from the event thread.
+bool socket_cache_client::take_from_socket() {
+  if (!m_loan.may_read()) return false;
+  m_offering.store(true, std::memory_order_release);  // before the turn can change
+  if (read_into_stream()) return take_held_back();
+  m_offering.store(false, std::memory_order_release);
+  return false;
+}
+
+bool socket_cache_client::read_into_stream() {
+  std::size_t length = 0;
+  m_stream.lock_stream();
+  m_stream.reset_data_buf();
+  if (m_stream.make_room(k_read_bytes) < k_read_bytes) {
+    lose_stream();
+  } else {
+    length = m_loan.read(m_stream.get_reserve_ptr(), k_read_bytes);
+    if (length != 0) m_stream.fill_reserve_len(length);
+    m_held_back = length;
+  }
+  m_stream.unlock_stream();
+  return length != 0;
+}
+
+bool socket_cache_client::take_held_back() {
+  if (!m_offering.load(std::memory_order_relaxed)) return false;
+  m_stream.lock_stream();
+  const bool more = m_held_back != 0;
+  m_held_back -= std::min(m_held_back, k_chunk_bytes);
+  const stream_content content = offered_content();
+  m_stream.unlock_stream();
+  if (more) {
+    offer(content);
+  } else {
+    m_offering.store(false, std::memory_order_release);
+  }
+  return more;
+}
+
+std::size_t socket_cache_client::held_back_chunks() {
+  m_stream.lock_stream();
+  const std::size_t chunks = (m_held_back + k_chunk_bytes - 1) / k_chunk_bytes;
+  m_stream.unlock_stream();
+  return chunks;
+}
+
+void socket_cache_client::wait_for_bytes(void* client, std::uint32_t ticket) {
+  auto* const self = static_cast<socket_cache_client*>(client);
+  if (!self->m_loan.is_held()) self->m_loan.borrow(self->current_run());
+  self->m_loan.wait(ticket);
 }
 
 // Has a stop been asked for, or done by a callback on this thread?
@@ -195,55 +315,63 @@ bool socket_cache_client::receive_ends() const {
          status == STATUS_STOPPED || status == STATUS_DESTROYED;
 }
 
-bool socket_cache_client::append_chunk(buffer* chunk) {
-  const bool appended = m_stream.push_data(chunk->get_data_ptr(), chunk->get_data_len());
-  m_pool.put(chunk);
-  if (!appended) {  // no memory: the stream has a hole, so nothing behind it can be understood
-    m_stream.clear();
-    break_connection();
-  }
-  return appended;
+// No memory: there is a hole, so nothing behind it can be understood. Under the stream's lock.
+void socket_cache_client::lose_stream() {
+  m_stream_lost.store(true, std::memory_order_release);
+  m_stream.clear();
+  m_held_back = 0;
+  break_connection();
 }
 
-void socket_cache_client::offer_stream() {
-  for (;;) {
-    m_stream.lock_stream();
-    const char* data = m_stream.get_data_ptr();
-    const std::size_t length = m_stream.get_data_len();
-    m_stream.unlock_stream();
+void socket_cache_client::offer(stream_content content) {
+  while (content.length != 0) {
     const socket_callback callback = m_callback.load(std::memory_order_acquire);
-    if (length == 0 || callback == nullptr) return;
-    const auto size =
-        static_cast<unsigned>(std::min<std::size_t>(length, std::numeric_limits<unsigned>::max()));
-    socket_param param(EVENT_RECEIVE, 0, &data, size, 0);
+    if (callback == nullptr) return;
+    const auto size = static_cast<unsigned>(
+        std::min<std::size_t>(content.length, std::numeric_limits<unsigned>::max()));
+    socket_param param(EVENT_RECEIVE, 0, &content.data, size, 0);
     callback(param, m_user.load(std::memory_order_acquire));
     if (param.get_proc_len() == 0) return;
-    m_stream.pop_data(param.get_proc_len());  // held at what is there
+    m_stream.lock_stream();
+    m_stream.pop_data(
+        std::min<std::size_t>(param.get_proc_len(), size));  // held at what was offered
+    content = offered_content();
+    m_stream.unlock_stream();
     if (m_receive_thread->get_thread_status() == STATUS_STOPPED) return;
   }
+}
+
+// Under the stream's lock.
+socket_cache_client::stream_content socket_cache_client::offered_content() {
+  if (m_stream_lost.load(std::memory_order_acquire)) {
+    m_stream.clear();
+    m_held_back = 0;
+  }
+  return {m_stream.get_data_ptr(), m_stream.get_data_len() - m_held_back};
 }
 
 void socket_cache_client::wait_offered(std::chrono::milliseconds limit) const {
   const auto end = std::chrono::steady_clock::now() + limit;
   const std::uint64_t received = m_chunks_received.load(std::memory_order_acquire);
-  while (m_chunks_done.load(std::memory_order_acquire) < received &&
+  while ((m_chunks_done.load(std::memory_order_acquire) < received ||
+          m_offering.load(std::memory_order_acquire)) &&
          std::chrono::steady_clock::now() < end) {
     vl_sleep(k_offered_poll_ms);
   }
 }
 
-int socket_cache_client::sock_send(const char* data, int len) {
+int socket_cache_client::sock_send(const char* data, int len) try {
   if (!m_queue_sends.load(std::memory_order_acquire)) return socket_client::sock_send(data, len);
   if (len < 0 || (len > 0 && data == nullptr)) return -1;
   if (len == 0) return 0;
-  buffer* const item = m_pool.get();
-  if (!item->reset_data(data, static_cast<std::size_t>(len))) {
-    m_pool.put(item);
-    return -1;
-  }
-  m_send_queue.push(item);
+  pooled_buffer item = take_buffer();
+  if (!item->reset_data(data, static_cast<std::size_t>(len))) return -1;
+  m_send_queue.push(item.get());
+  static_cast<void>(item.release());  // the queue's now
   m_send_thread->wake();
   return len;
+} catch (const std::bad_alloc&) {
+  return -1;
 }
 
 int socket_cache_client::thread_send_proc(void* client) {
@@ -287,7 +415,7 @@ int socket_cache_client::thread_auto_reconn(void* client) {
   return static_cast<socket_cache_client*>(client)->on_thread_auto_reconn();
 }
 
-int socket_cache_client::on_thread_auto_reconn() {
+int socket_cache_client::on_thread_auto_reconn() try {
   if (!m_auto_reconnect.load(std::memory_order_acquire) || is_connected()) return 0;
   const std::unique_lock<mutex_lock> guard(m_connect_lock, std::try_to_lock);
   if (!guard.owns_lock() || is_connected()) return 0;  // a caller is connecting, or has connected
@@ -299,6 +427,8 @@ int socket_cache_client::on_thread_auto_reconn() {
   }
   if (connect_to(target, target.has_local())) m_send_thread->wake();
   return 0;
+} catch (const std::bad_alloc&) {
+  return 0;  // the next look tries again
 }
 
 bool socket_cache_client::set_auto_reconn_falg(bool on, int seconds) {
@@ -325,7 +455,10 @@ void socket_cache_client::clear_data() {
     m_chunks_done.fetch_add(1, std::memory_order_release);
   }
   while (m_send_queue.try_pop(item)) m_pool.put(item);
+  m_stream.lock_stream();
   m_stream.clear();
+  m_held_back = 0;
+  m_stream.unlock_stream();
 }
 
 }  // namespace SOCK

@@ -7,6 +7,7 @@
 #include <memory>   // std::unique_ptr
 #include <string>   // std::string
 
+#include "sock/reading_loan.h"
 #include "sock/socket_client.h"
 #include "sock/vorlan_socket_thread.h"
 #include "tools/data_pool.h"
@@ -21,8 +22,10 @@ namespace SOCK {
 // Threads:   sock_init() starts "kav-receive", the only thread that calls back for EVENT_RECEIVE;
 //            "kav-send", which writes queued bytes; "kav-reconnect"; and the event thread of the
 //            base, which reports all other events at once, so that a disconnect may overtake bytes
-//            that were received before it. sock_init() and sock_close() by one thread at a time,
-//            callbacks included; sock_send() and clear_data() by any.
+//            that were received before it. The receive thread reads what arrives while it has
+//            nothing else to do; during a long callback the event thread reads, and queues it.
+//            sock_init() and sock_close() by one thread at a time, callbacks included; sock_send()
+//            and clear_data() by any.
 // Shutdown:  sock_close() stops all four. It waits for a callback that is running, without limit
 //            for one on the receive thread. Owners call it before they delete the object.
 // Ownership: the callback's user pointer stays the caller's and outlives the connection.
@@ -32,7 +35,8 @@ class socket_cache_client : public socket_client {
   explicit socket_cache_client(unsigned stream_size);
   ~socket_cache_client() override;
 
-  // As in socket_client; `queue_sends`: sock_send() leaves the writing to the send thread.
+  // As in socket_client; also false when one of the first two threads cannot be had. `queue_sends`:
+  // sock_send() leaves the writing to the send thread.
   bool sock_init(const std::string& ip, unsigned short port, socket_callback cb, void* user,
                  bool queue_sends);
   bool sock_init(const std::string& ip, unsigned short port, const std::string& local_ip,
@@ -60,6 +64,8 @@ class socket_cache_client : public socket_client {
 
  private:
   using buffer = VORLAN::TOOLS::stream_buffer;
+  static constexpr std::size_t k_read_bytes = 65'536;  // by the receive thread, at once
+  static constexpr std::size_t k_chunk_bytes = 8192;   // by the event thread
 
   struct endpoint {
     std::string ip;
@@ -69,14 +75,35 @@ class socket_cache_client : public socket_client {
     bool has_local() const { return !local_ip.empty() && local_port != -1; }
   };
 
+  struct give_back {
+    VORLAN::TOOLS::data_pool<buffer>* pool;
+    void operator()(buffer* item) const { pool->put(item); }
+  };
+  using pooled_buffer = std::unique_ptr<buffer, give_back>;
+
+  struct stream_content {
+    const char* data;
+    std::size_t length;
+  };
+
   bool init_with(const endpoint& target, bool local_form, socket_callback cb, void* user,
                  bool queue_sends);
   bool start_thread(vorlan_socket_thread& thread, const char* name, const endpoint& target,
                     bool local_form);
   bool connect_to(const endpoint& target, bool local_form);
+  pooled_buffer take_buffer();
+  int deliver_received();
   bool receive_ends() const;
-  bool append_chunk(buffer* chunk);
-  void offer_stream();
+  void lose_stream();
+  void offer(stream_content content);
+  stream_content offered_content();
+  bool take_queued();
+  void take_over_reading();
+  bool take_from_socket();
+  bool read_into_stream();
+  bool take_held_back();
+  std::size_t held_back_chunks();
+  static void wait_for_bytes(void* client, std::uint32_t ticket);
   bool take_in_flight();
   void drop_in_flight();
   void stop_threads();
@@ -102,6 +129,12 @@ class socket_cache_client : public socket_client {
   std::unique_ptr<vorlan_socket_thread> m_send_thread;
   std::unique_ptr<vorlan_socket_thread> m_receive_thread;
   std::unique_ptr<vorlan_socket_thread> m_reconnect_thread;
+  reading_loan m_loan;  // receive thread only
+  // Set by the receive thread as long as not all is offered that it has read itself.
+  std::atomic<bool> m_offering{false};
+  // Set by the receive thread when there was no memory: what follows is not offered any more.
+  std::atomic<bool> m_stream_lost{false};
+  std::size_t m_held_back = 0;  // at the stream's end, not yet offered; under the stream's lock
   VORLAN::TOOLS::mutex_lock m_endpoint_lock;
   endpoint m_endpoint KAV_GUARDED_BY(m_endpoint_lock);
   // One connection attempt at a time: a caller's, or the reconnect thread's.

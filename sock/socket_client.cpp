@@ -3,7 +3,7 @@
 #include <arpa/inet.h>    // inet_pton
 #include <fcntl.h>        // fcntl
 #include <netinet/in.h>   // sockaddr_in
-#include <netinet/tcp.h>  // TCP_NODELAY
+#include <netinet/tcp.h>  // TCP_NODELAY, TCP_USER_TIMEOUT
 #include <poll.h>         // poll
 #include <sys/epoll.h>    // epoll_wait
 #include <sys/socket.h>   // socket, connect, send
@@ -12,7 +12,8 @@
 #include <cerrno>   // errno
 #include <cstring>  // memcpy, strerror_r
 #include <new>      // std::bad_alloc
-#include <utility>  // std::move
+#include <thread>   // std::this_thread::sleep_for
+#include <utility>  // std::exchange, std::move
 
 #include "sock/event_run.h"
 #include "sock/local_address.h"
@@ -26,12 +27,23 @@ namespace {
 using VORLAN::TOOLS::format_str;
 using VORLAN::TOOLS::mutex_locker;
 
-constexpr std::uint32_t k_watched_events = EPOLLIN | EPOLLERR | EPOLLHUP;
-constexpr int k_epoll_wait_ms = 50;        // longest delay until the event thread sees a stop
-constexpr int k_connect_poll_ms = 10;      // longest delay until sock_init() sees a close
-constexpr unsigned k_thread_poll_ms = 1;   // how often a closer looks whether the thread has ended
+constexpr int k_epoll_wait_ms = 50;    // longest delay until the event thread sees a stop
+constexpr int k_absence_wait_ms = 2;   // a borrower that is busy for longer loses its turn
+constexpr int k_connect_poll_ms = 10;  // longest delay until sock_init() sees a close
+// How often a closer looks whether the thread has ended.
+constexpr std::chrono::milliseconds k_thread_poll{1};
 constexpr int k_thread_polls = 5000;       // after that many it no longer waits for a callback
 constexpr unsigned k_error_pause_ms = 10;  // a broken epoll instance must not occupy a core
+
+// A peer that no longer answers, though bytes or probes were sent, is given up after so long. At
+// the worst bytes are sent just before an idle connection is given up, and twice this has to pass.
+constexpr int k_vanished_ms = 9000;
+// So long a connect() waits for an answer. The system's own limit is minutes, and in the end it
+// asks once a minute: whoever is back would be found that late.
+constexpr int k_unanswered_ms = 20000;
+constexpr int k_probe_after_s = 4;  // of silence
+constexpr int k_probe_every_s = 1;
+constexpr int k_probes = 5;  // for a system that does not know k_vanished_ms
 
 // The event thread's own connection, and the object that it belongs to.
 thread_local std::shared_ptr<event_run> t_run;
@@ -52,6 +64,61 @@ bool set_nonblocking(int sock) {
   const int flags = ::fcntl(sock, F_GETFL);
   return flags >= 0 && ::fcntl(sock, F_SETFL, flags | O_NONBLOCK) >= 0;
 }
+
+bool set_option(int sock, int level, int name, int value) {
+  return ::setsockopt(sock, level, name, &value, sizeof(value)) == 0;
+}
+
+// Has the system find out that the peer is gone without a word, which ends the connection with an
+// error. Where it cannot do that, such a loss is noticed when it would have been anyway.
+void notice_vanished_peer(int sock) {
+  set_option(sock, IPPROTO_TCP, TCP_KEEPIDLE, k_probe_after_s);
+  set_option(sock, IPPROTO_TCP, TCP_KEEPINTVL, k_probe_every_s);
+  set_option(sock, IPPROTO_TCP, TCP_KEEPCNT, k_probes);
+  set_option(sock, IPPROTO_TCP, TCP_USER_TIMEOUT, k_vanished_ms);
+  set_option(sock, SOL_SOCKET, SO_KEEPALIVE, 1);
+}
+
+// What read() returns, or would have if a borrower had not come upon the error first.
+ssize_t read_some(event_run& run, int& error) {
+  error = std::exchange(run.read_error, 0);
+  if (error != 0) return -1;
+  const shared_descriptor::lease sock(run.socket);
+  const ssize_t received = ::read(sock.get(), run.receive_buffer, sizeof(run.receive_buffer));
+  error = errno;
+  return received;
+}
+
+// Gives the turn to read back at the end of a block.
+class turn_guard {
+ public:
+  explicit turn_guard(event_run* run) : m_run(run) {}
+  turn_guard(const turn_guard&) = delete;
+  turn_guard& operator=(const turn_guard&) = delete;
+  ~turn_guard() {
+    if (m_run != nullptr) m_run->turn.end_event_read();
+  }
+
+ private:
+  event_run* const m_run;
+};
+
+// Closes a connection whose setting up ends early.
+class setup_guard {
+ public:
+  explicit setup_guard(event_run& run) : m_run(&run) {}
+  setup_guard(const setup_guard&) = delete;
+  setup_guard& operator=(const setup_guard&) = delete;
+  ~setup_guard() {
+    if (m_run == nullptr) return;
+    m_run->epoll.close();
+    m_run->socket.close();
+  }
+  void succeed() { m_run = nullptr; }
+
+ private:
+  event_run* m_run;
+};
 
 sockaddr_in to_sockaddr(in_addr address, unsigned short port) {
   sockaddr_in result{};
@@ -95,7 +162,8 @@ bool socket_client::sock_init(const std::string& ip, unsigned short port,
 }
 
 bool socket_client::init_connection(const std::string& ip, unsigned short port,
-                                    const local_endpoint* local, socket_callback cb, void* user) {
+                                    const local_endpoint* local, socket_callback cb,
+                                    void* user) try {
   sock_close();
   if (cb == nullptr) return false;
   m_user.store(user, std::memory_order_release);
@@ -108,12 +176,14 @@ bool socket_client::init_connection(const std::string& ip, unsigned short port,
   const int sock = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (sock < 0) return false;
   run->socket.open(sock);
+  setup_guard setup(*run);
   m_socket.store(sock, std::memory_order_release);
   set_current_run(run);
-  if (set_up_connection(*run, local) && start_client_event_thread()) return true;
-  run->epoll.close();
-  run->socket.close();
-  return false;
+  if (!set_up_connection(*run, local) || !start_client_event_thread()) return false;
+  setup.succeed();
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;  // like a refused connection
 }
 
 bool socket_client::set_up_connection(event_run& run, const local_endpoint* local) {
@@ -146,6 +216,7 @@ bool socket_client::connect_to_server(int sock) {
   in_addr ip{};
   if (!parse_ip(m_server_ip, ip) || !set_nonblocking(sock)) return false;
   const sockaddr_in server = to_sockaddr(ip, m_server_port);
+  set_option(sock, IPPROTO_TCP, TCP_USER_TIMEOUT, k_unanswered_ms);
   if (::connect(sock, reinterpret_cast<const sockaddr*>(&server), sizeof(server)) == 0) return true;
   return (errno == EINPROGRESS || errno == EINTR) && wait_connected(sock);
 }
@@ -166,11 +237,12 @@ bool socket_client::wait_connected(int sock) const {
 }
 
 bool socket_client::set_sock_options(const int& sock) {
-  const int on = 1;
   // Closing resets the connection at once: unsent bytes are of no use to anybody.
   const linger reset{1, 0};
-  return ::setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on)) == 0 &&
-         ::setsockopt(sock, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset)) == 0;
+  if (!set_option(sock, IPPROTO_TCP, TCP_NODELAY, 1)) return false;
+  if (::setsockopt(sock, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset)) != 0) return false;
+  notice_vanished_peer(sock);
+  return true;
 }
 
 bool socket_client::watch_socket(event_run& run, int sock) {
@@ -178,12 +250,12 @@ bool socket_client::watch_socket(event_run& run, int sock) {
   if (epoll < 0) return false;
   run.epoll.open(epoll);
   epoll_event event{};
-  event.events = k_watched_events;
+  event.events = event_run::k_watched_events;
   event.data.fd = sock;
   return ::epoll_ctl(epoll, EPOLL_CTL_ADD, sock, &event) == 0;
 }
 
-bool socket_client::start_client_event_thread() {
+bool socket_client::start_client_event_thread() try {
   const std::shared_ptr<event_run> run = current_run();
   if (run == nullptr) return false;
   auto start = std::make_unique<event_thread_start>(event_thread_start{this, run});
@@ -197,6 +269,8 @@ bool socket_client::start_client_event_thread() {
   }
   static_cast<void>(start.release());  // the thread's now
   return true;
+} catch (const std::bad_alloc&) {
+  return false;  // before anything has been changed
 }
 
 bool socket_client::sock_close() {
@@ -223,6 +297,7 @@ bool socket_client::stop_client_event_thread() {
 bool socket_client::end_run(event_run& run) {
   wait_thread_ended(run);
   if (run.ended.load(std::memory_order_acquire)) return true;
+  end_loan(run);
   run.epoll.close();  // nobody needs them
   run.socket.close();
   return false;
@@ -230,9 +305,7 @@ bool socket_client::end_run(event_run& run) {
 
 // The threads of connections that a callback on that very thread has replaced.
 void socket_client::end_earlier_runs() {
-  for (const std::shared_ptr<event_run>& run : earlier_runs()) {
-    if (run != t_run) end_run(*run);
-  }
+  while (const std::shared_ptr<event_run> run = earlier_run()) end_run(*run);
 }
 
 // Returns when the thread has ended or, after about 5 s inside a callback, is abandoned.
@@ -243,7 +316,7 @@ void socket_client::wait_thread_ended(event_run& run) {
         if (run.place.compare_exchange_strong(place, k_place_abandoned)) return;
       }
     }
-    vl_sleep(k_thread_poll_ms);
+    std::this_thread::sleep_for(k_thread_poll);  // not shortened by the host's signals
   }
 }
 
@@ -312,26 +385,41 @@ void socket_client::on_event_client_thread() {
   run->ended.store(false, std::memory_order_release);
   try {
     event_client_connect();
+    run->turn.end_event_read();  // now that the connection is announced
     // A close by the callback or right after the opening: nothing is reported any more.
     bool stays = !run->stop.load(std::memory_order_acquire);
     while (stays) stays = event_loop_step(*run);
   } catch (const std::bad_alloc&) {
-    event_client_disconnect(false);  // bytes are lost, so the stream is of no more use
+    run->stop.store(true, std::memory_order_release);
+    lose_connection();  // bytes are lost, so the stream is of no more use
   }
   if (!run->keep_open.load(std::memory_order_acquire)) event_client_close();
   run->ended.store(true, std::memory_order_release);  // last touch: the owner may delete us
 }
 
+// The user may be the one who has no memory, also for this.
+void socket_client::lose_connection() try {
+  event_client_disconnect(false);
+} catch (const std::bad_alloc&) {
+  m_connected.store(false, std::memory_order_release);
+}
+
 bool socket_client::event_loop_step(event_run& run) {
   epoll_event event{};
   int ready = 0;
+  const bool looks_again = run.seen_absence != 0;
   {
     const shared_descriptor::lease epoll(run.epoll);
-    ready = ::epoll_wait(epoll.get(), &event, 1, k_epoll_wait_ms);
+    ready = ::epoll_wait(epoll.get(), &event, 1, looks_again ? k_absence_wait_ms : k_epoll_wait_ms);
   }
-  if (ready > 0 && !proc_event(&event, ready)) {
-    run.stop.store(true, std::memory_order_release);
-    return false;
+  if (run.turn.is_lent()) {
+    look_after_loan(run, ready > 0 && (event.events & ~std::uint32_t{EPOLLIN}) != 0);
+  } else {
+    run.seen_absence = 0;
+    if (ready > 0 && !proc_event(&event, ready)) {
+      run.stop.store(true, std::memory_order_release);
+      return false;
+    }
   }
   if (ready < 0) {
     const int error = errno;
@@ -339,6 +427,27 @@ bool socket_client::event_loop_step(event_run& run) {
     if (error != EINTR) vl_sleep(k_error_pause_ms);
   }
   return !run.stop.load(std::memory_order_acquire);
+}
+
+// While somebody else reads: an end or an error is for this thread, and will be reported again.
+// Bytes that were reported before the loan are not; but this thread goes on with the reading when
+// the other one has been kept from it since the last look.
+void socket_client::look_after_loan(event_run& run, bool at_end) {
+  const std::uint32_t seen = std::exchange(run.seen_absence, 0);
+  const std::uint32_t absence = run.turn.absence();
+  if (at_end) run.at_end.store(true, std::memory_order_release);
+  if (at_end || (seen != 0 && seen == absence)) {
+    end_loan(run);
+  } else if (seen == 0) {
+    run.seen_absence = absence;  // looked at again soon
+  }
+}
+
+void socket_client::end_loan(event_run& run) {
+  if (!run.turn.take_back()) return;
+  run.watch(event_run::k_watched_events);
+  run.borrower->notify();
+  run.turn.end_event_read();
 }
 
 bool socket_client::proc_event(epoll_event* events, int count) {
@@ -375,13 +484,10 @@ bool socket_client::event_client_disconnect(bool local) {
 
 bool socket_client::event_client_receive() {
   const std::shared_ptr<event_run> run = run_of_caller();
-  ssize_t received = -1;
+  if (run != nullptr && !run->turn.begin_event_read()) return true;  // somebody else has begun to
+  const turn_guard turn(run.get());
   int error = EBADF;
-  if (run != nullptr) {
-    const shared_descriptor::lease sock(run->socket);
-    received = ::read(sock.get(), run->receive_buffer, sizeof(run->receive_buffer));
-    error = errno;
-  }
+  const ssize_t received = run == nullptr ? -1 : read_some(*run, error);
   if (received < 0) {
     log_msg(format_str("client readline error(n_recved=%d errno=%d error message=%s )\n",
                        static_cast<int>(received), error, error_text(error).c_str())
@@ -398,15 +504,8 @@ bool socket_client::event_client_receive() {
 bool socket_client::event_client_send() {
   const std::shared_ptr<event_run> run = run_of_caller();
   if (run == nullptr) return false;
-  const int sock = m_socket.load(std::memory_order_acquire);
-  {
-    const shared_descriptor::lease epoll(run->epoll);
-    epoll_event event{};
-    event.events = k_watched_events;
-    event.data.fd = sock;
-    if (::epoll_ctl(epoll.get(), EPOLL_CTL_MOD, sock, &event) != 0) return false;
-  }
-  report_user(EVENT_SEND, 0, nullptr, 0, sock);
+  if (!run->watch(event_run::k_watched_events)) return false;
+  report_user(EVENT_SEND, 0, nullptr, 0, m_socket.load(std::memory_order_acquire));
   return true;
 }
 
@@ -418,6 +517,7 @@ bool socket_client::event_client_error() {
 bool socket_client::event_client_close() {
   const std::shared_ptr<event_run> run = run_of_caller();
   if (run == nullptr) return true;
+  end_loan(*run);  // whoever waits for bytes keeps the descriptors open
   run->epoll.close();
   run->socket.close();
   return true;
@@ -564,13 +664,21 @@ void socket_client::set_current_run(std::shared_ptr<event_run> run) {
   std::erase_if(m_earlier_runs, [](const std::shared_ptr<event_run>& earlier) {
     return earlier->ended.load(std::memory_order_acquire);
   });
-  if (m_run != nullptr && m_run == t_run) m_earlier_runs.push_back(m_run);
+  // Nobody waits for it any more when there is no next one.
+  if (run != nullptr && m_run != nullptr && m_run == t_run) m_earlier_runs.push_back(m_run);
   m_run = std::move(run);
 }
 
-std::vector<std::shared_ptr<event_run>> socket_client::earlier_runs() {
+// One whose event thread is another than the caller, and still to be waited for; null: there is
+// none.
+std::shared_ptr<event_run> socket_client::earlier_run() {
   const mutex_locker guard(m_run_lock);
-  return m_earlier_runs;
+  for (const std::shared_ptr<event_run>& run : m_earlier_runs) {
+    const bool waits = !run->ended.load(std::memory_order_acquire) &&
+                       run->place.load(std::memory_order_acquire) != k_place_abandoned;
+    if (waits && run != t_run) return run;
+  }
+  return nullptr;
 }
 
 }  // namespace SOCK

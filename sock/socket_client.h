@@ -54,9 +54,10 @@ class socket_client {
   virtual bool event_client_receive();
   virtual bool event_client_send();
 
-  // Connects (waiting until that has succeeded or failed) and starts the event thread. False: no
-  // event of this connection will come. `ip` is dotted IPv4 text; anything else fails like a
-  // refused connection.
+  // Connects (waiting until that has succeeded or failed, or 20 s without an answer) and starts the
+  // event thread. False: no event of this connection will come. `ip` is dotted IPv4 text; anything
+  // else fails like a refused connection. A peer that vanishes later without a word is a lost
+  // connection after at most 20 s.
   bool sock_init(const std::string& ip, unsigned short port, socket_callback cb, void* user);
   // The same from a given local address and port.
   bool sock_init(const std::string& ip, unsigned short port, const std::string& local_ip,
@@ -67,6 +68,8 @@ class socket_client {
   // Waits until a send would be taken, the connection is broken, or `limit` has passed.
   void wait_sendable(std::chrono::milliseconds limit);
   bool sock_close();
+  // Lets the event thread find the connection lost. Any thread, its own included.
+  void break_connection();
   // Makes a sock_init() that is connecting fail soon, and each later one at once. Any thread.
   void cancel_connect();
 
@@ -98,8 +101,8 @@ class socket_client {
   void call_user(socket_callback cb, socket_param& param, void* user);
   // While set, every connection attempt fails soon.
   void abort_connecting(bool abort);
-  // Lets the event thread find the connection lost.
-  void break_connection();
+  // The present connection, or null.
+  std::shared_ptr<event_run> current_run();
 
  private:
   struct local_endpoint;
@@ -113,14 +116,16 @@ class socket_client {
   bool connect_to_server(int sock);
   bool wait_connected(int sock) const;
   bool watch_socket(event_run& run, int sock);
-  std::shared_ptr<event_run> current_run();
   std::shared_ptr<event_run> run_of_caller();
   void set_current_run(std::shared_ptr<event_run> run);
-  std::vector<std::shared_ptr<event_run>> earlier_runs();
+  std::shared_ptr<event_run> earlier_run();
   static bool end_run(event_run& run);
   void end_earlier_runs();
   static void wait_thread_ended(event_run& run);
+  void lose_connection();
   bool event_loop_step(event_run& run);
+  static void look_after_loan(event_run& run, bool at_end);
+  static void end_loan(event_run& run);  // on any thread
 
   std::atomic<bool> m_connected{false};  // polled by every thread
   // Set by sock_init() before the event thread exists; read by every reporting thread.

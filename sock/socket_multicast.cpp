@@ -6,17 +6,18 @@
 #include <netinet/in.h>       // IP_ADD_MEMBERSHIP
 #include <netinet/tcp.h>      // TCP_NODELAY
 #include <sys/epoll.h>        // epoll_wait
-#include <sys/socket.h>       // recvmsg, send
+#include <sys/socket.h>       // send
 #include <unistd.h>           // close
 
 #include <cerrno>   // errno
+#include <chrono>   // std::chrono::steady_clock
 #include <cstdint>  // std::uint32_t
-#include <cstring>  // memset, memcpy
 #include <map>      // std::map
 #include <new>      // std::bad_alloc
 #include <set>      // std::set
 #include <utility>  // std::move
 
+#include "sock/datagram_batch.h"
 #include "sock/event_run.h"
 #include "sock/shared_descriptor.h"
 #include "sock/vorlan_socket_thread.h"
@@ -39,9 +40,9 @@ constexpr int k_thread_polls = 5000;           // after that many the destructor
 constexpr unsigned k_error_pause_ms = 10;      // a broken epoll instance must not occupy a core
 constexpr int k_multicast_ttl = 64;            // a sender's datagrams may pass so many routers
 constexpr int k_receive_queue_bytes = 65'535;  // the system's buffer for each group
-constexpr std::size_t k_datagram_bytes = 65'535;  // more than any UDP datagram carries
-// Readable zeros behind the longest datagram: a decoder may look at a whole record of a short one.
-constexpr std::size_t k_zeros_behind = 264;
+constexpr unsigned k_batch = 16;               // datagrams that one system call may bring
+// So long a unit may deliver what came at once before the others are looked after.
+constexpr std::chrono::microseconds k_slice{50};
 
 // False, with errno EINVAL: no dotted IPv4 text.
 bool parse_endpoint(const std::string& ip, unsigned short port, sockaddr_in& endpoint) {
@@ -61,6 +62,13 @@ bool set_nonblocking(int sock) {
 
 bool set_option(int sock, int level, int name, int value) {
   return ::setsockopt(sock, level, name, &value, sizeof(value)) == 0;
+}
+
+epoll_event receive_event(int sock) {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.fd = sock;
+  return event;
 }
 
 const sockaddr* as_sockaddr(const sockaddr_in& address) {
@@ -106,45 +114,8 @@ bool open_receiver(int sock, const socket_multicast::multicast_unit& unit, in_ad
          set_option(sock, SOL_SOCKET, SO_RCVBUF, k_receive_queue_bytes);
 }
 
-// Zero behind each datagram. One thread at a time.
-class datagram_buffer {
- public:
-  // recvmsg() into the buffer. `destination` becomes the datagram's when the system tells it.
-  ssize_t receive(int sock, in_addr& destination) {
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
-    iovec bytes{m_bytes, k_datagram_bytes};
-    msghdr message{};
-    message.msg_iov = &bytes;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof(control);
-    // A stop must not wait for a datagram that turned out to be none, also on blocking sockets.
-    const ssize_t received = ::recvmsg(sock, &message, MSG_DONTWAIT);
-    if (received < 0) return received;
-    clear_behind(static_cast<std::size_t>(received));
-    read_destination(message, destination);
-    return received;
-  }
-  const char* data() const { return m_bytes; }
-
- private:
-  void clear_behind(std::size_t length) {
-    if (length < m_used) std::memset(m_bytes + length, 0, m_used - length);
-    m_used = length;
-  }
-
-  static void read_destination(msghdr& message, in_addr& destination) {
-    for (cmsghdr* part = CMSG_FIRSTHDR(&message); part; part = CMSG_NXTHDR(&message, part)) {
-      if (part->cmsg_level != IPPROTO_IP || part->cmsg_type != IP_PKTINFO) continue;
-      in_pktinfo info;
-      std::memcpy(&info, CMSG_DATA(part), sizeof(info));
-      destination = info.ipi_addr;
-    }
-  }
-
-  std::size_t m_used = 0;  // behind it everything is zero
-  char m_bytes[k_datagram_bytes + k_zeros_behind] = {};
-};
+// What the caller's thread is the event thread of, if it is one.
+thread_local const void* t_shared = nullptr;
 
 }  // namespace
 
@@ -176,6 +147,56 @@ struct socket_multicast::channel {
   unsigned long long dropped KAV_GUARDED_BY(drops_lock) = 0;
 };
 
+// What has been received from one socket and not been delivered yet. One thread at a time.
+class socket_multicast::waiting_datagrams {
+ public:
+  explicit waiting_datagrams(unsigned most) : m_batch(most), m_most(most) {}
+
+  bool is_empty() const { return m_batch.is_empty(); }
+  int socket() const { return m_sock; }
+  // What is left when the socket has been closed since is nobody's.
+  void drop_late() {
+    if (m_from != nullptr && !m_from->socket.is_open()) m_batch.drop_rest();
+  }
+  // Ready for that socket: to receive from it, or to go on with what is left of it.
+  bool is_for(int sock) const { return is_empty() ? m_users == 0 : m_sock == sock; }
+  // May more be waiting in the socket, and is there room for it?
+  bool may_refill() const {
+    return m_most > 1 && m_users == 0 && m_batch.is_used_up() && m_from != nullptr &&
+           m_from->socket.is_open();
+  }
+
+  // `from`: null for a socket that is no unit's. The system's result.
+  int receive(int leased, int sock, std::shared_ptr<channel> from) {
+    m_sock = sock;
+    m_from = std::move(from);
+    return m_batch.receive(leased);
+  }
+  datagram_batch::datagram take() { return m_batch.take(); }
+  bool is_own(const datagram_batch::datagram& which) const {
+    return m_from == nullptr || m_from->is_own(which.destination);
+  }
+
+  // Somebody looks at a datagram, also when that was the last.
+  class use {
+   public:
+    explicit use(waiting_datagrams& used) : m_used(used) { ++m_used.m_users; }
+    use(const use&) = delete;
+    use& operator=(const use&) = delete;
+    ~use() { --m_used.m_users; }
+
+   private:
+    waiting_datagrams& m_used;
+  };
+
+ private:
+  datagram_batch m_batch;
+  const unsigned m_most;
+  unsigned m_users = 0;
+  int m_sock = -1;
+  std::shared_ptr<channel> m_from;
+};
+
 // What one sock_init() has opened. Constant once it is shared; the descriptors close on their own.
 struct socket_multicast::opening {
   ~opening() { epoll.close(); }
@@ -198,6 +219,7 @@ struct socket_multicast::shared_state {
     const mutex_locker guard(lock);
     return opened;
   }
+  void note_change() KAV_REQUIRES(lock) { units_version.fetch_add(1, std::memory_order_release); }
   // Has the object gone, or does it wait for the event thread no longer?
   bool is_abandoned() const { return place.load() == k_place_abandoned; }
   bool leave_callback() {
@@ -212,6 +234,8 @@ struct socket_multicast::shared_state {
   mutex_lock lock;
   std::map<int, multicast_unit*> units_by_id KAV_GUARDED_BY(lock);
   std::map<int, multicast_unit*> units_by_socket KAV_GUARDED_BY(lock);
+  // Counts the changes of units_by_socket, made under the lock and read without.
+  std::atomic<unsigned> units_version{0};
   std::map<std::string, multicast_unit*> units_by_alias KAV_GUARDED_BY(lock);
   std::uint32_t next_id KAV_GUARDED_BY(lock) = 0;
   std::shared_ptr<opening> opened KAV_GUARDED_BY(lock);  // the last one, also when closed
@@ -225,7 +249,82 @@ struct socket_multicast::shared_state {
   std::atomic<bool> object_gone{false};
   std::atomic<event_thread_place> place{k_place_not_started};
 
-  std::unique_ptr<datagram_buffer> buffer;  // event thread only; null while a datagram is in it
+  // The socket whose datagrams have been received, but not all delivered; -1 for none. Event
+  // thread.
+  int find_left() const {
+    if (batch != nullptr) batch->drop_late();
+    return batch == nullptr || batch->is_empty() ? -1 : batch->socket();
+  }
+
+  // Event thread only.
+  std::unique_ptr<waiting_datagrams> batch;   // null until the first datagram
+  std::unique_ptr<waiting_datagrams> single;  // for one when that is taken; null while in use
+  bool has_several = false;                   // units that are watched
+};
+
+// The event thread's stay in the user's code: until it ends nothing of the object is looked at,
+// which may go meanwhile. Nothing on other threads.
+class socket_multicast::callback_stay {
+ public:
+  explicit callback_stay(shared_state& shared)
+      : m_shared(shared),
+        m_enters(t_shared == &shared && shared.place.load() == k_place_in_object) {
+    if (m_enters) m_shared.place.store(k_place_in_callback);
+  }
+  callback_stay(const callback_stay&) = delete;
+  callback_stay& operator=(const callback_stay&) = delete;
+  ~callback_stay() {
+    if (m_enters) m_shared.leave_callback();
+  }
+
+ private:
+  shared_state& m_shared;
+  const bool m_enters;
+};
+
+// Whom a socket's datagrams are for. One thread.
+class socket_multicast::receiving_unit {
+ public:
+  // Costs next to nothing as long as no unit has come or gone.
+  void look_up(shared_state& shared, int sock) {
+    if (m_looked_up && m_version == shared.units_version.load(std::memory_order_acquire)) return;
+    const mutex_locker guard(shared.lock);
+    m_looked_up = true;
+    m_version = shared.units_version.load(std::memory_order_relaxed);
+    const auto at = shared.units_by_socket.find(sock);
+    m_known = at != shared.units_by_socket.end();
+    if (!m_known) return;
+    m_id = at->second->id;
+    m_socket = at->second->socket;
+    m_alias = at->second->alias;
+  }
+
+  void report(const shared_state& shared, const char* data, unsigned length) const {
+    const socket_callback callback = shared.callback.load();
+    if (!m_known || callback == nullptr) return;
+    socket_param param(EVENT_RECEIVE, m_id, &data, length, m_socket);
+    if (!m_alias.empty()) param.set_alias(m_alias);
+    callback(param, shared.user.load());
+  }
+
+ private:
+  bool m_looked_up = false, m_known = false;
+  unsigned m_version = 0;
+  int m_id = -1, m_socket = -1;
+  std::string m_alias;
+};
+
+// How long a unit may go on before others are looked after.
+class socket_multicast::time_slice {
+ public:
+  explicit time_slice(bool has_others) : m_has_others(has_others) {}
+  // In the middle of what has come at once.
+  bool must_yield() const { return m_has_others && is_over(); }
+  bool is_over() const { return std::chrono::steady_clock::now() >= m_end; }
+
+ private:
+  const bool m_has_others;
+  const std::chrono::steady_clock::time_point m_end = std::chrono::steady_clock::now() + k_slice;
 };
 
 struct socket_multicast::wait_errors {
@@ -250,7 +349,7 @@ class socket_multicast::descriptor_use {
         m_leased(m_channel.get()),
         m_lease(m_leased != nullptr ? m_leased->socket : m_none) {}
   int get() const { return m_leased != nullptr ? m_lease.get() : m_foreign; }
-  channel* unit_channel() const { return m_leased; }
+  const std::shared_ptr<channel>& unit_channel() const { return m_channel; }
   void close() const {
     if (m_leased != nullptr) {
       m_leased->socket.close();
@@ -266,7 +365,7 @@ class socket_multicast::descriptor_use {
     const mutex_locker guard(shared.lock);
     std::shared_ptr<channel> found;
     if (shared.opened != nullptr) found = shared.opened->find(sock);
-    if (found == nullptr && shared.own_sockets.count(sock) == 0) foreign = sock;
+    if (found == nullptr && !shared.own_sockets.contains(sock)) foreign = sock;
     return found;
   }
 
@@ -276,13 +375,6 @@ class socket_multicast::descriptor_use {
   channel* const m_leased;  // the same, null for none
   const shared_descriptor::lease m_lease;
 };
-
-namespace {
-
-// What the caller's thread is the event thread of, if it is one.
-thread_local const void* t_shared = nullptr;
-
-}  // namespace
 
 socket_multicast::multicast_unit::~multicast_unit() = default;
 
@@ -309,6 +401,7 @@ void socket_multicast::forget_units() {
     units.swap(m_shared->units_by_id);
     m_shared->units_by_socket.clear();
     m_shared->units_by_alias.clear();
+    m_shared->note_change();
   }
   // In the destructor the base's own: a derived one is gone by then.
   // NOLINTNEXTLINE(clang-analyzer-optin.cplusplus.VirtualCall)
@@ -344,10 +437,24 @@ int socket_multicast::add_multicast_param(const std::string& group_ip, unsigned 
   const int id = get_current_min_id();
   multicast_unit* const unit =
       ensure_multicast_unit(group_ip, group_port, local_ip, local_port, alias, id, -1);
-  const mutex_locker guard(m_shared->lock);
-  m_shared->units_by_id[id] = unit;
-  m_shared->units_by_alias[alias] = unit;
+  if (!note_unit(id, alias, unit)) {
+    free_multicast_unit(unit);
+    throw std::bad_alloc();
+  }
   return id;
+}
+
+// False: without memory, and as if nothing had been asked.
+bool socket_multicast::note_unit(int id, const std::string& alias, multicast_unit* unit) {
+  const mutex_locker guard(m_shared->lock);
+  try {
+    m_shared->units_by_id[id] = unit;
+    m_shared->units_by_alias[alias] = unit;
+    return true;
+  } catch (const std::bad_alloc&) {
+    m_shared->units_by_id.erase(id);
+    return false;
+  }
 }
 
 bool socket_multicast::sock_init(SOCK_MULTICAST_TYPE type, socket_callback cb, void* user) {
@@ -355,13 +462,8 @@ bool socket_multicast::sock_init(SOCK_MULTICAST_TYPE type, socket_callback cb, v
   m_shared->callback.store(cb);
   m_shared->user.store(user);
   set_open_failure(-1, 0);
-  const int epoll = ::epoll_create1(EPOLL_CLOEXEC);
-  if (epoll < 0) {
-    set_open_failure(-1, errno);
-    return false;
-  }
-  const auto opened = std::make_shared<opening>();
-  opened->epoll.open(epoll);
+  const std::shared_ptr<opening> opened = make_opening();
+  if (opened == nullptr) return false;
   if (!open_units(type, *opened)) {
     forget_units();
     return false;
@@ -373,6 +475,21 @@ bool socket_multicast::sock_init(SOCK_MULTICAST_TYPE type, socket_callback cb, v
   const bool started = start_server_event_thread();
   if (!started) set_open_failure(-1, EAGAIN);  // what the system says when it has no thread to give
   return started;
+}
+
+// Null: without a descriptor, or without memory, as the failure tells.
+std::shared_ptr<socket_multicast::opening> socket_multicast::make_opening() try {
+  auto opened = std::make_shared<opening>();
+  const int epoll = ::epoll_create1(EPOLL_CLOEXEC);
+  if (epoll < 0) {
+    set_open_failure(-1, errno);
+    return nullptr;
+  }
+  opened->epoll.open(epoll);
+  return opened;
+} catch (const std::bad_alloc&) {
+  set_open_failure(-1, ENOMEM);
+  return nullptr;
 }
 
 void socket_multicast::set_open_failure(int id, int error) {
@@ -388,22 +505,30 @@ socket_multicast::open_failure socket_multicast::get_open_failure() {
 bool socket_multicast::open_units(SOCK_MULTICAST_TYPE type, opening& opened) {
   const mutex_locker guard(m_shared->lock);
   m_shared->units_by_socket.clear();
-  for (const auto& [id, unit] : m_shared->units_by_id) {
-    if (unit == nullptr || !open_unit(type, *unit, opened)) {
-      m_shared->failure = {id, unit == nullptr ? EINVAL : errno};
-      return false;
+  m_shared->note_change();
+  int opening_id = -1;
+  try {
+    for (const auto& [id, unit] : m_shared->units_by_id) {
+      opening_id = id;
+      if (unit == nullptr || !open_unit(type, *unit, opened)) {
+        m_shared->failure = {id, unit == nullptr ? EINVAL : errno};
+        return false;
+      }
+      m_shared->own_sockets.insert(unit->socket);
+      m_shared->units_by_socket[unit->socket] = unit;
     }
-    m_shared->own_sockets.insert(unit->socket);
-    m_shared->units_by_socket[unit->socket] = unit;
+    return true;
+  } catch (const std::bad_alloc&) {
+    m_shared->failure = {opening_id, ENOMEM};
+    return false;
   }
-  return true;
 }
 
 bool socket_multicast::open_unit(SOCK_MULTICAST_TYPE type, multicast_unit& unit, opening& opened) {
+  const auto unit_channel = std::make_shared<channel>();  // before the socket, which it closes
   const int sock = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   unit.socket = sock;
   if (sock < 0) return false;
-  const auto unit_channel = std::make_shared<channel>();
   unit_channel->socket.open(sock);
   opened.channels[sock] = unit_channel;
   const bool ready = type == MULTICAST_SEND ? open_sender(sock, unit)
@@ -441,14 +566,19 @@ bool socket_multicast::start_server_event_thread() {
   // It runs, or this is it: a callback that closes and opens goes on with the same thread.
   if (t_shared == &shared || !shared.ended.exchange(false)) return true;
   shared.place.store(k_place_not_started);
+  if (create_event_thread()) return true;
+  shared.ended.store(true);
+  return false;
+}
+
+bool socket_multicast::create_event_thread() try {
   auto start = std::make_unique<event_thread_start>(event_thread_start{this, m_shared});
   unsigned long id = 0;
-  if (vl_create_thread(event_thread_entry, start.get(), id) == 0) {
-    shared.ended.store(true);
-    return false;
-  }
+  if (vl_create_thread(event_thread_entry, start.get(), id) == 0) return false;
   static_cast<void>(start.release());  // the thread's now
   return true;
+} catch (const std::bad_alloc&) {
+  return false;
 }
 
 bool socket_multicast::stop_server_event_thread() {
@@ -521,18 +651,25 @@ void socket_multicast::on_socket_server_event_thread() {
 bool socket_multicast::event_loop_step(shared_state& shared, wait_errors& errors) {
   epoll_event events[k_events_per_wait];
   const std::shared_ptr<opening> opened = shared.current();
+  shared.has_several = opened != nullptr && opened->channels.size() > 1;
+  const int left = shared.find_left();
   int ready = -1;
   int error = EBADF;
   if (opened != nullptr) {
     const shared_descriptor::lease epoll(opened->epoll);
-    ready = ::epoll_wait(epoll.get(), events, k_events_per_wait, k_epoll_wait_ms);
+    ready = ::epoll_wait(epoll.get(), events, k_events_per_wait, left < 0 ? k_epoll_wait_ms : 0);
     error = errno;
   }
   if (ready < 0) {
     proc_thread_error(error, opened == nullptr ? -1 : opened->epoll.number(), errors);
     if (error != EINTR) vl_sleep(k_error_pause_ms);
   }
+  if (left >= 0) {
+    proc_event(receive_event(left));
+    if (shared.is_abandoned()) return false;
+  }
   for (int i = 0; i < ready; ++i) {
+    if (events[i].data.fd == left) continue;  // has had its turn
     // A callback may have closed it, and the number may be somebody else's by now.
     const std::shared_ptr<channel> target = opened->find(events[i].data.fd);
     if (target == nullptr || !target->socket.is_open()) continue;
@@ -558,43 +695,69 @@ bool socket_multicast::proc_event(const epoll_event& event) {
 }
 
 bool socket_multicast::event_multicast_client_receive(const int& sock) {
-  const std::shared_ptr<shared_state> shared = m_shared;
-  const bool on_event_thread = t_shared == shared.get();
-  std::unique_ptr<datagram_buffer> buffer;
-  if (on_event_thread) buffer = std::move(shared->buffer);
-  if (buffer == nullptr) buffer = std::make_unique<datagram_buffer>();
-  ssize_t received = -1;
+  const std::shared_ptr<shared_state> shared = m_shared;  // outlives the object
+  const int number = sock;                                // the caller's variable may be the unit's
+  if (t_shared != shared.get()) {
+    waiting_datagrams single(1);
+    return receive_batches(*shared, single, number);
+  }
+  if (shared->batch == nullptr) shared->batch = std::make_unique<waiting_datagrams>(k_batch);
+  shared->batch->drop_late();
+  if (shared->batch->is_for(number)) return receive_batches(*shared, *shared->batch, number);
+  std::unique_ptr<waiting_datagrams> single = std::move(shared->single);
+  if (single == nullptr) single = std::make_unique<waiting_datagrams>(1);
+  const bool stays = receive_batches(*shared, *single, number);
+  shared->single = std::move(single);
+  return stays;
+}
+
+// What is left in the batch and what is waiting in the socket, until its time is over. The object
+// may be gone afterwards.
+bool socket_multicast::receive_batches(shared_state& shared, waiting_datagrams& batch, int sock) {
+  const time_slice slice(t_shared == &shared && shared.has_several);
+  if (batch.is_empty() && !fill_batch(shared, batch, sock, false)) return false;
+  bool stays = deliver_batch(shared, batch, sock, slice);
+  while (stays && batch.may_refill() && !shared.stop.load() && !slice.is_over()) {
+    stays = fill_batch(shared, batch, sock, true) && deliver_batch(shared, batch, sock, slice);
+  }
+  return stays;
+}
+
+// False: nothing was received, and that is a failure unless `may_be_none`.
+bool socket_multicast::fill_batch(shared_state& shared, waiting_datagrams& batch, int sock,
+                                  bool may_be_none) {
+  int received = -1;
   int error = 0;
-  bool own = true;
   {
-    const descriptor_use use(*shared, sock);
-    channel* const unit_channel = use.unit_channel();
-    in_addr destination{};
-    received = buffer->receive(use.get(), destination);
+    const descriptor_use use(shared, sock);
+    received = batch.receive(use.get(), sock, use.unit_channel());
     error = errno;
-    own = unit_channel == nullptr || unit_channel->is_own(destination);
   }
-  if (received < 0) {
-    log_msg(format_str("server receive remote client readline error(n_recved=%d, errno=%d)",
-                       static_cast<int>(received), error)
-                .c_str());
-    event_multicast_client_error(sock);
+  if (received >= 0 || (may_be_none && error == EAGAIN)) return true;
+  log_msg(format_str("server receive remote client readline error(n_recved=%d, errno=%d)", received,
+                     error)
+              .c_str());
+  event_multicast_client_error(sock);
+  return false;
+}
+
+// False: an empty datagram, which ends its unit; what came behind it is left. Looks at nothing of
+// the object, which any callback may delete.
+bool socket_multicast::deliver_batch(shared_state& shared, waiting_datagrams& batch, int sock,
+                                     const time_slice& slice) {
+  const waiting_datagrams::use use(batch);
+  const callback_stay stay(shared);
+  receiving_unit unit;
+  while (!batch.is_empty()) {
+    const datagram_batch::datagram next = batch.take();
+    if (!batch.is_own(next)) continue;
+    if (next.length == 0) return false;
+    unit.look_up(shared, sock);
+    unit.report(shared, next.data, next.length);
+    batch.drop_late();
+    if (shared.stop.load() || slice.must_yield()) break;
   }
-  int id = -1;
-  int unit_socket = -1;
-  if (received > 0 && own) {
-    const mutex_locker guard(shared->lock);
-    const auto at = shared->units_by_socket.find(sock);
-    if (at != shared->units_by_socket.end()) {
-      id = at->second->id;
-      unit_socket = at->second->socket;
-    }
-  }
-  if (id >= 0) {
-    report_user(EVENT_RECEIVE, id, buffer->data(), static_cast<unsigned>(received), unit_socket);
-  }
-  if (on_event_thread) shared->buffer = std::move(buffer);
-  return received > 0 || (received == 0 && !own);
+  return true;
 }
 
 bool socket_multicast::event_multicast_client_send(const int& sock) {
@@ -620,6 +783,7 @@ bool socket_multicast::event_multicast_client_close(const int& sock, bool local)
     if (at != shared->units_by_socket.end()) {
       id = at->second->id;
       shared->units_by_socket.erase(at);  // nobody else closes it
+      shared->note_change();
     }
   }
   if (id >= 0) {
@@ -651,6 +815,7 @@ void socket_multicast::delete_unit(int id) {
     if (opened != m_shared->units_by_socket.end() && opened->second == unit) {
       reopened = unit->socket;  // by the callback that was told of its end
       m_shared->units_by_socket.erase(opened);
+      m_shared->note_change();
     }
   }
   if (reopened >= 0) descriptor_use(*m_shared, reopened).close();
@@ -672,11 +837,8 @@ bool socket_multicast::report_user(SOCKET_EVENT event, int id, const char* data,
       param.set_alias(at->second->alias);
     }
   }
-  // From here on the object may go: only the event thread, which keeps the state, looks at it.
-  const bool enters = t_shared == &shared && shared.place.load() == k_place_in_object;
-  if (enters) shared.place.store(k_place_in_callback);
+  const callback_stay stay(shared);  // only the event thread, which keeps the state, looks at it
   callback(param, user);
-  if (enters) shared.leave_callback();
   return true;
 }
 

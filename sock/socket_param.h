@@ -60,7 +60,8 @@ class socket_param {
   int m_socket = 0;
 };
 
-// The user's function. The result is ignored everywhere.
+// The user's function. The result is ignored everywhere. A std::bad_alloc that leaves it on a
+// thread of a TCP client loses the connection: the thread goes on as after any other loss.
 typedef int (*socket_callback)(socket_param&, void*);
 
 }  // namespace SOCK

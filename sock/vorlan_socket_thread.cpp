@@ -114,6 +114,10 @@ void vorlan_socket_thread::set_idle_mode(socket_thread_idle mode) {
   m_idle_mode.store(mode, std::memory_order_release);
 }
 
+void vorlan_socket_thread::set_idle_wait(void (*wait)(void* arg, std::uint32_t ticket)) {
+  m_idle_wait = wait;
+}
+
 void vorlan_socket_thread::wake() { m_wake.notify(); }
 
 void vorlan_socket_thread::limit_next_idle_sleep(int us) {
@@ -142,12 +146,11 @@ bool vorlan_socket_thread::start() {
   if (is_same_thread()) return false;
   switch (get_thread_status()) {
     case STATUS_RUNNING:
+      if (m_creation_failed.load(std::memory_order_acquire)) break;  // another try
       return true;
     case STATUS_INIT:
     case STATUS_STOPPED:
-      start_spt_thread();
-      set_thread_status(STATUS_RUNNING);
-      return true;
+      break;
     case STATUS_PAUSED:
     case STATUS_PAUSE_PENDING:
       set_thread_status(STATUS_RUNNING);
@@ -155,24 +158,36 @@ bool vorlan_socket_thread::start() {
     default:
       return false;
   }
+  start_spt_thread();
+  set_thread_status(STATUS_RUNNING);
+  return true;
 }
 
 void vorlan_socket_thread::start_spt_thread() {
   retire_run();  // a thread that has stopped itself may still be inside the function
   set_thread_status(STATUS_INIT);
-  auto current = std::make_shared<run>();
-  auto* const start = new run_start{this, current};
+  const unsigned long id = create_run();
+  m_creation_failed.store(id == 0, std::memory_order_release);
+  m_thread_id.store(id, std::memory_order_release);
+}
+
+// The new thread's id; 0 without a thread, or without memory for one.
+unsigned long vorlan_socket_thread::create_run() try {
+  const auto current = std::make_shared<run>();
+  auto start = std::make_unique<run_start>(run_start{this, current});
   {
     const mutex_locker guard(m_run_lock);
     m_run = current;
   }
   unsigned long id = 0;
-  m_creation_failed.store(vl_create_thread(run_entry, start, id) == 0, std::memory_order_release);
-  m_thread_id.store(id, std::memory_order_release);
-  if (id == 0) {
+  if (vl_create_thread(run_entry, start.get(), id) != 0) {
+    static_cast<void>(start.release());  // the thread's now
+  } else {
     current->left.store(true, std::memory_order_release);
-    delete start;
   }
+  return id;
+} catch (const std::bad_alloc&) {
+  return 0;
 }
 
 bool vorlan_socket_thread::pause() {
@@ -242,11 +257,17 @@ void* vorlan_socket_thread::run_entry(void* start) {
   const std::unique_ptr<run_start> owned(static_cast<run_start*>(start));
   run& current = *owned->current;
   t_wrapper = owned->wrapper;
-  const std::string name = owned->wrapper->get_thread_name();
-  vl_name_thread(name.empty() ? "kav-thread" : name.c_str());
+  owned->wrapper->name_this_thread();
   owned->wrapper->run_loop(current);
   current.left.store(true, std::memory_order_release);  // last touch: the wrapper may go
   return nullptr;
+}
+
+void vorlan_socket_thread::name_this_thread() try {
+  const std::string name = get_thread_name();
+  vl_name_thread(name.empty() ? "kav-thread" : name.c_str());
+} catch (const std::bad_alloc&) {
+  vl_name_thread("kav-thread");
 }
 
 void vorlan_socket_thread::run_loop(run& current) {
@@ -295,19 +316,23 @@ bool vorlan_socket_thread::run_working_step(run& current) {
 
 // Answers a pending pause or stop. False: stopped, and the object may be gone already.
 bool vorlan_socket_thread::idle_step() {
+  if (get_thread_status() == STATUS_RUNNING) return true;
   if (change_status(STATUS_STOP_PENDING, STATUS_STOPPED)) return false;
   change_status(STATUS_PAUSE_PENDING, STATUS_PAUSED);
   return true;
 }
 
 void vorlan_socket_thread::idle_sleep(std::uint32_t ticket) {
-  const int limit_us = m_next_idle_limit_us.exchange(-1, std::memory_order_relaxed);
+  const int limit_us = m_next_idle_limit_us.load(std::memory_order_relaxed);
+  if (limit_us >= 0) m_next_idle_limit_us.store(-1, std::memory_order_relaxed);
   if (!m_sleep_when_idle.load(std::memory_order_acquire)) return;
   const int mode = m_idle_mode.load(std::memory_order_acquire);
   if (mode == IDLE_POLL) {
     thread_sleep();
   } else if (limit_us >= 0) {
     m_wake.wait(ticket, std::chrono::microseconds(limit_us));
+  } else if (mode == IDLE_WAKE && m_idle_wait != nullptr) {
+    m_idle_wait(m_argument, ticket);
   } else if (mode == IDLE_WAKE) {
     m_wake.wait(ticket, std::chrono::nanoseconds(-1));
   } else {

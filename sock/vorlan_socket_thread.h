@@ -65,6 +65,10 @@ class vorlan_socket_thread {
   void set_thread_wait_micro_sec(int us);
   // Before start(). Polling is the default.
   void set_idle_mode(socket_thread_idle mode);
+  // In place of the idle sleep of IDLE_WAKE: `wait`, called with the function's argument and the
+  // ticket of wake_word(), returns at the latest when that is notified. Before start().
+  void set_idle_wait(void (*wait)(void* arg, std::uint32_t ticket));
+  wake_event& wake_word() { return m_wake; }
   // Ends an idle sleep of the two waking modes, or keeps the next one from beginning.
   void wake();
   // By the function: its next idle sleep lasts `us` microseconds at most.
@@ -76,7 +80,8 @@ class vorlan_socket_thread {
   // Is the caller the wrapped thread?
   bool is_same_thread() const;
 
-  // True: running. False: called by the wrapped thread itself, or a stop is pending.
+  // True: running, or no thread could be created: the id is 0 then, and the next start() tries
+  // again. False: called by the wrapped thread itself, or a stop is pending.
   bool start();
   void start_spt_thread();
   // True: paused (or, called by the wrapped thread, pausing when the function returns).
@@ -101,6 +106,8 @@ class vorlan_socket_thread {
   struct run_start;
   static void* run_entry(void* start);
 
+  unsigned long create_run();
+  void name_this_thread();
   void run_loop(run& current);
   // Both false when the thread has to leave without touching the object again.
   bool run_sleeping_step(const run& current);
@@ -114,6 +121,7 @@ class vorlan_socket_thread {
   // Set before start(), constant while the thread runs.
   int (*m_function)(void*) = nullptr;
   void* m_argument = nullptr;
+  void (*m_idle_wait)(void*, std::uint32_t) = nullptr;
   // Any thread.
   std::atomic<unsigned long> m_thread_id{0};
   std::atomic<socket_thread_status> m_status{STATUS_INIT};

@@ -3,8 +3,8 @@
 
 #include <cstddef>  // size_t
 #include <cstdint>  // uint64_t
-#include <new>      // bad_alloc
 
+#include "tools/bucket_table.h"
 #include "tools/locks.h"
 
 namespace VORLAN {
@@ -37,13 +37,8 @@ class map_int {
   static constexpr const std::uint64_t (&str_prime_list)[k_prime_list_entries] =
       TOOLS::str_prime_list;
 
-  map_int() : m_buckets(new node*[k_first_bucket_count]()) {}
-
-  virtual ~map_int() {
-    free_nodes();
-    delete[] m_buckets;
-  }
-
+  map_int() = default;
+  virtual ~map_int() = default;
   map_int(const map_int&) = delete;
   map_int& operator=(const map_int&) = delete;
 
@@ -51,16 +46,15 @@ class map_int {
   void set(long long key, const T& value) {
     const policy_locker<LOCK> guard(m_lock);
     std::uint64_t visited = 0;
-    node** link = bucket_of(key);
+    node** link = chain_of(key);
     for (; *link != nullptr; link = &(*link)->next, ++visited) {
       if ((*link)->key != key) continue;
       (*link)->value = value;
       return;
     }
-    *link = new node(key, value);
-    ++m_count;
+    m_table.append(link, new node(key, value));
     if (visited > m_longest_chain) m_longest_chain = visited;
-    if (m_count > m_bucket_count && m_grows) rehash(m_count);
+    if (m_table.size() > m_table.bucket_count() && m_grows) rehash(m_table.size());
   }
 
   // The value, or null when the key is absent. Good until clear().
@@ -78,12 +72,12 @@ class map_int {
 
   std::size_t size() const {
     const policy_locker<LOCK> guard(m_lock);
-    return m_count;
+    return m_table.size();
   }
 
   std::size_t bucket_count() const {
     const policy_locker<LOCK> guard(m_lock);
-    return m_bucket_count;
+    return m_table.bucket_count();
   }
 
   // The most nodes that an insertion has had to walk past.
@@ -101,10 +95,8 @@ class map_int {
   // Forgets every entry and returns to the first bucket count.
   void clear() {
     const policy_locker<LOCK> guard(m_lock);
-    free_nodes();
-    m_count = 0;
+    m_table.clear(k_first_bucket_count);
     m_longest_chain = 0;
-    reset_bucket_count();
   }
 
   // Calls f(long long key, T& value) for each entry, bucket by bucket and in chain order, under the
@@ -112,11 +104,7 @@ class map_int {
   template <class F>
   void for_each(F f) {
     const policy_locker<LOCK> guard(m_lock);
-    for (std::uint64_t i = 0; i < m_bucket_count; ++i) {
-      for (node* entry = m_buckets[i]; entry != nullptr; entry = entry->next) {
-        f(static_cast<long long>(entry->key), entry->value);
-      }
-    }
+    m_table.for_each([&](node& entry) { f(static_cast<long long>(entry.key), entry.value); });
   }
 
  private:
@@ -130,62 +118,25 @@ class map_int {
     T value;
   };
 
-  node** bucket_of(long long key) const { return &m_buckets[map_int_hash(key) % m_bucket_count]; }
+  std::uint64_t bucket_of(long long key) const {
+    return map_int_hash(key) % m_table.bucket_count();
+  }
+
+  node** chain_of(long long key) const { return m_table.chain(bucket_of(key)); }
 
   node* find_node(long long key) const {
-    node* entry = *bucket_of(key);
+    node* entry = *chain_of(key);
     while (entry != nullptr && entry->key != key) entry = entry->next;
     return entry;
   }
 
-  static void append(node** chain, node* entry) {
-    while (*chain != nullptr) chain = &(*chain)->next;
-    *chain = entry;
-  }
-
   void rehash(std::uint64_t n) {
-    const std::uint64_t old_count = m_bucket_count;
-    node** const old_buckets = m_buckets;
-    const std::uint64_t new_count = first_prime_not_less(n);
-    m_buckets = new node*[new_count]();
-    m_bucket_count = new_count;
-    for (std::uint64_t i = 0; i < old_count; ++i) {
-      for (node *entry = old_buckets[i], *next = nullptr; entry != nullptr; entry = next) {
-        next = entry->next;
-        entry->next = nullptr;
-        append(bucket_of(entry->key), entry);
-      }
-    }
-    delete[] old_buckets;
-  }
-
-  // Leaves every bucket empty; the caller sets the count.
-  void free_nodes() {
-    for (std::uint64_t i = 0; i < m_bucket_count; ++i) {
-      while (node* const entry = m_buckets[i]) {
-        m_buckets[i] = entry->next;
-        delete entry;
-      }
-    }
-  }
-
-  // The buckets are empty. Without memory for the small array, a part of the large one serves.
-  void reset_bucket_count() {
-    if (m_bucket_count == k_first_bucket_count) return;
-    try {
-      node** const buckets = new node*[k_first_bucket_count]();
-      delete[] m_buckets;
-      m_buckets = buckets;
-    } catch (const std::bad_alloc&) {
-      // The large array serves on.
-    }
-    m_bucket_count = k_first_bucket_count;
+    m_table.rehash(first_prime_not_less(n),
+                   [this](const node& moved) { return bucket_of(moved.key); });
   }
 
   // All guarded by m_lock.
-  node** m_buckets;
-  std::uint64_t m_bucket_count = k_first_bucket_count;
-  std::uint64_t m_count = 0;
+  bucket_table<node> m_table{k_first_bucket_count};
   const bool m_grows = true;
   std::uint64_t m_longest_chain = 0;
   mutable LOCK m_lock;

@@ -3,9 +3,10 @@
 
 #include <cstddef>  // size_t
 #include <cstdint>  // uint64_t
-#include <cstring>  // memcmp, memcpy
-#include <new>      // bad_alloc
+#include <cstring>  // memcpy, strnlen
 
+#include "tools/bucket_table.h"
+#include "tools/key_text.h"
 #include "tools/locks.h"
 
 namespace VORLAN {
@@ -21,13 +22,8 @@ namespace TOOLS {
 template <class T, std::size_t N, class LOCK = null_lock>
 class map_str {
  public:
-  map_str() : m_buckets(new node*[k_first_bucket_count]()) {}
-
-  virtual ~map_str() {
-    free_nodes();
-    delete[] m_buckets;
-  }
-
+  map_str() = default;
+  virtual ~map_str() = default;
   map_str(const map_str&) = delete;
   map_str& operator=(const map_str&) = delete;
 
@@ -76,32 +72,25 @@ class map_str {
     const policy_locker<LOCK> guard(m_lock);
     const hashed_key hashed = hash_key(key);
     if (hashed.text == nullptr) return;
-    for (node** link = bucket_of(hashed.hash); *link != nullptr; link = &(*link)->next) {
-      if (!(*link)->matches(hashed)) continue;
-      node* const erased = *link;
-      *link = erased->next;
-      --m_count;
-      delete erased;
-      return;
-    }
+    node** link = chain_of(hashed.hash);
+    while (*link != nullptr && !(*link)->matches(hashed)) link = &(*link)->next;
+    if (*link != nullptr) m_table.erase(link);
   }
 
   std::size_t size() const {
     const policy_locker<LOCK> guard(m_lock);
-    return m_count;
+    return m_table.size();
   }
 
   std::size_t bucket_count() const {
     const policy_locker<LOCK> guard(m_lock);
-    return m_bucket_count;
+    return m_table.bucket_count();
   }
 
   // Forgets every entry and returns to the first bucket count.
   void clear() {
     const policy_locker<LOCK> guard(m_lock);
-    free_nodes();
-    m_count = 0;
-    shrink_to_first_buckets();
+    m_table.clear(k_first_bucket_count);
   }
 
   // Calls f(const char* key, T& value) for each entry, bucket by bucket and in chain order, under
@@ -109,17 +98,11 @@ class map_str {
   template <class F>
   void for_each(F f) {
     const policy_locker<LOCK> guard(m_lock);
-    for (std::uint64_t i = 0; i < m_bucket_count; ++i) {
-      for (node *entry = m_buckets[i], *next = nullptr; entry != nullptr; entry = next) {
-        next = entry->next;
-        f(static_cast<const char*>(entry->key), entry->value);
-      }
-    }
+    m_table.for_each([&](node& entry) { f(static_cast<const char*>(entry.key), entry.value); });
   }
 
  private:
   static constexpr std::uint64_t k_first_bucket_count = 128;  // always a power of two
-  static constexpr std::uint64_t k_33_squared = 1089;
 
   // A key with what one pass over it has found out; the text is null when the key is refused.
   struct hashed_key {
@@ -129,41 +112,27 @@ class map_str {
   };
 
   struct node {
-    node(const hashed_key& k, const T& v) : next(nullptr), hash(k.hash), value(v) {
+    node(const hashed_key& k, const T& v)
+        : next(nullptr), length(k.length), hash(k.hash), value(v) {
       std::memcpy(key, k.text, k.length + 1);
     }
 
     bool matches(const hashed_key& k) const {
-      return hash == k.hash && std::memcmp(key, k.text, k.length + 1) == 0;
+      return hash == k.hash && length == k.length && same_text(key, k.text, k.length);
     }
 
     node* next;
+    const std::size_t length;
     const std::uint64_t hash;  // spares the comparison of most keys that only share the bucket
     char key[N + 1];
     T value;
   };
 
-  // Characters count as signed ones; a negative one wraps around.
-  static std::uint64_t signed_value(char c) {
-    return static_cast<std::uint64_t>(static_cast<signed char>(c));
-  }
-
-  // h = h * 33 + c over the key, two characters a step: a lookup waits for the multiplications.
   static hashed_key hash_key(const char* key) {
     if (key == nullptr) return {nullptr, 0, 0};
-    std::uint64_t hash = 0;
-    std::size_t length = 0;
-    while (key[length] != '\0') {
-      if (length == N) return {nullptr, 0, 0};
-      const std::uint64_t first = signed_value(key[length++]);
-      if (key[length] == '\0') {
-        hash = hash * 33 + first;
-        break;
-      }
-      if (length == N) return {nullptr, 0, 0};
-      hash = hash * k_33_squared + (first * 33 + signed_value(key[length++]));
-    }
-    return {key, length, hash};
+    const std::size_t length = ::strnlen(key, N + 1);
+    if (length > N) return {nullptr, 0, 0};
+    return {key, length, hash_text(key, length)};
   }
 
   static T& stand_in() {
@@ -172,70 +141,28 @@ class map_str {
     return value;
   }
 
-  node** bucket_of(std::uint64_t hash) const { return &m_buckets[hash & (m_bucket_count - 1)]; }
+  std::uint64_t bucket_of(std::uint64_t hash) const { return hash & (m_table.bucket_count() - 1); }
+
+  node** chain_of(std::uint64_t hash) const { return m_table.chain(bucket_of(hash)); }
 
   node* find_node(const hashed_key& key) const {
     if (key.text == nullptr) return nullptr;
-    node* entry = *bucket_of(key.hash);
+    node* entry = *chain_of(key.hash);
     while (entry != nullptr && !entry->matches(key)) entry = entry->next;
     return entry;
   }
 
-  static void append(node** chain, node* entry) {
-    while (*chain != nullptr) chain = &(*chain)->next;
-    *chain = entry;
-  }
-
   node* insert(const hashed_key& key, const T& value) {
     node* const entry = new node(key, value);
-    append(bucket_of(entry->hash), entry);
-    ++m_count;
-    if (static_cast<double>(m_count) > 0.7 * static_cast<double>(m_bucket_count)) grow();
+    m_table.append(chain_of(key.hash), entry);
+    const std::uint64_t buckets = m_table.bucket_count();
+    if (static_cast<double>(m_table.size()) > 0.7 * static_cast<double>(buckets)) {
+      m_table.rehash(buckets * 4, [this](const node& moved) { return bucket_of(moved.hash); });
+    }
     return entry;
   }
 
-  void grow() {
-    const std::uint64_t old_count = m_bucket_count;
-    node** const old_buckets = m_buckets;
-    m_buckets = new node*[old_count * 4]();
-    m_bucket_count = old_count * 4;
-    for (std::uint64_t i = 0; i < old_count; ++i) {
-      for (node *entry = old_buckets[i], *next = nullptr; entry != nullptr; entry = next) {
-        next = entry->next;
-        entry->next = nullptr;
-        append(bucket_of(entry->hash), entry);
-      }
-    }
-    delete[] old_buckets;
-  }
-
-  // Leaves every bucket empty; the caller sets the count.
-  void free_nodes() {
-    for (std::uint64_t i = 0; i < m_bucket_count; ++i) {
-      while (node* const entry = m_buckets[i]) {
-        m_buckets[i] = entry->next;
-        delete entry;
-      }
-    }
-  }
-
-  // The buckets are empty. Without memory for the small array, a part of the large one serves.
-  void shrink_to_first_buckets() {
-    if (m_bucket_count == k_first_bucket_count) return;
-    try {
-      node** const buckets = new node*[k_first_bucket_count]();
-      delete[] m_buckets;
-      m_buckets = buckets;
-    } catch (const std::bad_alloc&) {
-      // The large array serves on.
-    }
-    m_bucket_count = k_first_bucket_count;
-  }
-
-  // All guarded by m_lock.
-  node** m_buckets;
-  std::uint64_t m_bucket_count = k_first_bucket_count;
-  std::uint64_t m_count = 0;
+  bucket_table<node> m_table{k_first_bucket_count};  // guarded by m_lock
   mutable LOCK m_lock;
 };
 

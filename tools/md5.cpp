@@ -1,5 +1,7 @@
 #include "tools/md5.h"
 
+#include <strings.h>  // explicit_bzero
+
 #include <algorithm>  // min
 #include <cstddef>    // size_t
 #include <cstring>    // memcpy, memset
@@ -75,6 +77,25 @@ void count_bytes(md5_context& context, std::uint64_t length) {
   context.total[1] += (length >> 32) + (low >> 32);
 }
 
+// What was copied may lie in vector registers still, which the dynamic linker and signals put on
+// the stack. Those of the compiler's code are emptied here; the C library may have used wider ones,
+// which a copy of the same length overwrites.
+void forget_copied_bytes(md5_context& context, std::size_t length) {
+  static const unsigned char zeros[k_block_bytes] = {};
+  std::memcpy(context.buffer, zeros, length % k_block_bytes);
+  ::explicit_bzero(&context, sizeof(context));
+  asm volatile(
+      "pxor %%xmm0, %%xmm0\n pxor %%xmm1, %%xmm1\n pxor %%xmm2, %%xmm2\n pxor %%xmm3, %%xmm3\n"
+      "pxor %%xmm4, %%xmm4\n pxor %%xmm5, %%xmm5\n pxor %%xmm6, %%xmm6\n pxor %%xmm7, %%xmm7\n"
+      "pxor %%xmm8, %%xmm8\n pxor %%xmm9, %%xmm9\n pxor %%xmm10, %%xmm10\n pxor %%xmm11, %%xmm11\n"
+      "pxor %%xmm12, %%xmm12\n pxor %%xmm13, %%xmm13\n pxor %%xmm14, %%xmm14\n"
+      "pxor %%xmm15, %%xmm15"
+      :
+      :
+      : "xmm0", "xmm1", "xmm2", "xmm3", "xmm4", "xmm5", "xmm6", "xmm7", "xmm8", "xmm9", "xmm10",
+        "xmm11", "xmm12", "xmm13", "xmm14", "xmm15");
+}
+
 }  // namespace
 
 void md5_starts(md5_context* context) {
@@ -91,6 +112,7 @@ void md5_process(md5_context* context, const unsigned char* block) {
   state[1] = low_word(state[1] + v.b);
   state[2] = low_word(state[2] + v.c);
   state[3] = low_word(state[3] + v.d);
+  ::explicit_bzero(words, sizeof(words));  // the input may be a secret
 }
 
 void md5_update(md5_context* context, const unsigned char* input, unsigned long length) {
@@ -139,6 +161,8 @@ void encrypt_md5(const char* input, int length, char* output) {
     output[2 * i + 1] = digits[digest[i] & 15];
   }
   output[32] = '\0';
+  ::explicit_bzero(digest, sizeof(digest));
+  forget_copied_bytes(context, bytes);
 }
 
 }  // namespace TOOLS

@@ -24,7 +24,8 @@ void md5_process(md5_context* context, const unsigned char* block);
 void md5_finish(md5_context* context, unsigned char* digest);
 
 // The digest of `length` bytes as 32 upper-case hexadecimal digits and a NUL: `output` holds at
-// least 33 bytes. A negative length and a null input count as no bytes. Any thread.
+// least 33 bytes. A negative length and a null input count as no bytes. Leaves no copy of the
+// input behind in memory. Any thread.
 void encrypt_md5(const char* input, int length, char* output);
 
 }  // namespace TOOLS

@@ -57,6 +57,17 @@ std::size_t stream_buffer::get_reserve_len() {
   return m_capacity - m_write;
 }
 
+std::size_t stream_buffer::make_room(std::size_t least) {
+  mutex_locker guard(m_lock);
+  if (m_capacity - m_write >= least) return m_capacity - m_write;
+  if (m_capacity - live() >= least) {
+    compact();
+  } else if (least > k_max_bytes || !grow(std::max(2 * m_capacity, live() + least), nullptr, 0)) {
+    return 0;
+  }
+  return m_capacity - m_write;
+}
+
 std::size_t stream_buffer::fill_reserve_len(std::size_t len) {
   mutex_locker guard(m_lock);
   m_write += std::min(len, m_capacity - m_write);

@@ -38,11 +38,12 @@ class stream_buffer {
   bool push_data(const char* data, std::size_t len);
 
   // Lets a reader write straight into the buffer: get_reserve_len() makes room at the end when
-  // there is none and returns it (0 when memory is short), get_reserve_ptr() is where it begins,
-  // fill_reserve_len() takes over what was written, at most up to the capacity, and returns the
-  // new write position.
+  // there is none and returns it (0 when memory is short), make_room() when there is less than
+  // `least`; get_reserve_ptr() is where it begins, fill_reserve_len() takes over what was written,
+  // at most up to the capacity, and returns the new write position.
   char* get_reserve_ptr() KAV_NO_THREAD_SAFETY_ANALYSIS { return m_storage + m_write; }
   std::size_t get_reserve_len();
+  std::size_t make_room(std::size_t least);
   std::size_t fill_reserve_len(std::size_t len);
 
   // Consumes from the front, at most what is live. Always true.
