@@ -43,3 +43,4 @@ int main(int argc, char** argv) {
   DestroyKAVQuoteApi(client);  // stops first; no callback comes afterwards
   return result == KAVMulticastStarted ? 0 : 1;
 }
+// Prints: 09:00:00 IF2509 3500.2

@@ -32,7 +32,7 @@ void quote_writer::OnQuote(KavKqsIntrumentType, KAVMarketDepthQuoteData* quote) 
 
 bool quote_writer::is_wanted(const KAVMarketDepthQuoteData& quote) const {
   return m_options.symbols.empty() ||
-         m_options.symbols.count(kav_watch::field_text(quote.InstrumentID)) > 0;
+         m_options.symbols.contains(kav_watch::field_text(quote.InstrumentID));
 }
 
 void quote_writer::append_line(const KAVMarketDepthQuoteData& quote) {

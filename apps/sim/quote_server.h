@@ -74,6 +74,7 @@ struct behaviour {
   char login_refusal_result = 'N';               // the result character of a refusal
   std::string login_refusal_reason = "refused";  // cut to 22 bytes; 22 of them leave no NUL
   std::chrono::milliseconds login_delay{0};      // the answer comes so much later
+  unsigned login_copies = 1;                     // the answer comes so many times in a row
 
   // Symbol list.
   list_answer list = list_answer::normal;
@@ -84,6 +85,7 @@ struct behaviour {
   bool answer_unregister = true;
   char register_result = '0';
   char unregister_result = '0';
+  unsigned symbol_copies = 1;  // each answer comes so many times in a row
 
   // Loss of a connection, once for each: after so many messages of any type were written to it, or
   // so long after accept; whichever comes first. At most loss_limit connections are hit.
@@ -224,8 +226,9 @@ class quote_server {
   // True when nothing waits to be written to any open connection.
   bool all_written() const;
 
+  struct impl;  // quote_server_impl.h
+
  private:
-  struct impl;
   const std::unique_ptr<impl> m_impl;
 };
 

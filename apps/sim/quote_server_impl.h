@@ -4,7 +4,9 @@
 
 #include <condition_variable>  // std::condition_variable
 #include <mutex>               // std::mutex
+#include <string>              // std::string
 #include <thread>              // std::thread
+#include <unordered_map>       // std::unordered_map
 
 #include "apps/sim/quote_server.h"
 #include "apps/sim/server_connection.h"
@@ -15,10 +17,13 @@ namespace kav_sim {
 // One lock guards everything; the server's thread gives it back while it waits and while it hands
 // out log lines. Functions named ..._locked, and those of the sections below, are called under it.
 struct quote_server::impl {
-  explicit impl(server_options o) : options(std::move(o)) {}
+  explicit impl(server_options o) : options(std::move(o)) {
+    for (const listed_symbol& symbol : options.symbols) listed.emplace(symbol.name, symbol.type);
+  }
 
   // Constant after construction.
   const server_options options;
+  std::unordered_map<std::string, char> listed;  // the type of each symbol; the first one counts
 
   // Set by start() before the thread exists, closed by stop() after it has ended.
   int epoll_fd = -1, wake_fd = -1;
@@ -78,10 +83,11 @@ struct quote_server::impl {
   void record(server_connection& c, std::string bytes, bool malformed);
   void handle_message(server_connection& c, const std::string& message);
   void on_login(server_connection& c, const std::string& message);
+  void answer_login(server_connection& c, const std::string& answer);
   void on_list_request(server_connection& c);
   void on_symbol_request(server_connection& c, const std::string& message);
   char register_result_for(const server_connection& c, const std::string& symbol, char type);
-  std::string refusal_for(const std::string& message, bool& ignore) const;
+  std::string refusal_for(const std::string& message, bool& refuse) const;
   void queue(server_connection& c, std::string bytes, bool quote = false);
   void queue_later(server_connection& c, std::chrono::milliseconds delay, std::string bytes);
   bool wants(const server_connection& c, std::string_view symbol) const;

@@ -1,7 +1,7 @@
 // What the server answers.
 #include <fmt/format.h>
 
-#include <algorithm>  // std::find_if
+#include <algorithm>  // std::min
 
 #include "apps/sim/quote_server_impl.h"
 
@@ -92,18 +92,21 @@ void quote_server::impl::on_login(server_connection& c, const std::string& messa
   if (refuse) {
     ++sums.logins_refused;
     tell(c, fmt::format("login of {} refused: {}", c.user, reason));
-    return queue_later(
-        c, how.login_delay,
-        login_answer_message(how.login_refusal_result, reason, fill_of(how.full_width_reason)));
+    return answer_login(
+        c, login_answer_message(how.login_refusal_result, reason, fill_of(how.full_width_reason)));
   }
   ++sums.logins_accepted;
   c.logged_in = true;
   c.last_write = std::chrono::steady_clock::now() + how.login_delay;
   tell(c, "logged in as " + c.user);
-  queue_later(c, how.login_delay, login_answer_message(k_accepted, "", text_fill::zero));
+  answer_login(c, login_answer_message(k_accepted, "", text_fill::zero));
   if (how.garbage_when == garbage_time::after_login_answer) {
     queue_later(c, how.login_delay, how.garbage);
   }
+}
+
+void quote_server::impl::answer_login(server_connection& c, const std::string& answer) {
+  for (unsigned i = 0; i < how.login_copies; ++i) queue_later(c, how.login_delay, answer);
 }
 
 void quote_server::impl::on_list_request(server_connection& c) {
@@ -120,9 +123,8 @@ void quote_server::impl::on_list_request(server_connection& c) {
 
 char quote_server::impl::register_result_for(const server_connection& c, const std::string& symbol,
                                              char type) {
-  const auto listed = std::find_if(options.symbols.begin(), options.symbols.end(),
-                                   [&](const listed_symbol& s) { return s.name == symbol; });
-  if (listed != options.symbols.end() && listed->type == type) return how.register_result;
+  const auto known = listed.find(symbol);
+  if (known != listed.end() && known->second == type) return how.register_result;
   tell(c, fmt::format("registration of {} with type {} refused: not in the list", symbol,
                       int{static_cast<signed char>(type)}));
   return k_unknown_symbol;
@@ -142,8 +144,9 @@ void quote_server::impl::on_symbol_request(server_connection& c, const std::stri
     tell(c, fmt::format("{} {}, {} in all", add ? "registered" : "unregistered", symbol,
                         c.registered.size()));
   }
-  queue(c, symbol_answer_message(add ? 'I' : 'F', result, type, symbol,
-                                 fill_of(how.full_width_answers)));
+  const std::string answer =
+      symbol_answer_message(add ? 'I' : 'F', result, type, symbol, fill_of(how.full_width_answers));
+  for (unsigned i = 0; i < how.symbol_copies; ++i) queue(c, answer);
 }
 
 void quote_server::impl::queue_later(server_connection& c, std::chrono::milliseconds delay,

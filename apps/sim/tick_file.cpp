@@ -21,10 +21,11 @@ namespace kav_sim {
 namespace {
 
 constexpr std::size_t k_longest_symbol = k_request_symbol_bytes - 1;  // longer: not registrable
+constexpr std::size_t k_most_shown = 60;                              // of a value that is wrong
 constexpr std::int64_t k_day_ms = 24 * 3600 * 1000;
-constexpr unsigned k_chunk_bytes = 1u << 20;
+constexpr unsigned k_chunk_bytes = 1u << 16;
 
-enum class column_kind { text, day, symbol, time, millisec, integer, price };
+enum class column_kind { text, day, symbol, time, millisec, integer, price, ignored };
 
 struct column {
   std::string_view name;
@@ -72,6 +73,7 @@ constexpr column k_columns[] = {
     KAV_LEVEL(4),
     KAV_LEVEL(5),
     KAV_COLUMN(AveragePrice, price, false),
+    {"ReceiveTimeNs", column_kind::ignored, 0, 0, false},  // when a recorder got the quote
 };
 #undef KAV_LEVEL
 #undef KAV_COLUMN
@@ -93,28 +95,41 @@ bool valid_time(std::string_view t) {
          two_digits(t.substr(3)) < 60 && two_digits(t.substr(6)) < 60;
 }
 
+// A value as an error line shows it: nothing in it can move the cursor, however damaged the file
+// is.
+std::string shown(std::string_view value) {
+  std::string text{value.substr(0, k_most_shown)};
+  for (char& c : text) {
+    if (c < ' ' || c > '~') c = '?';
+  }
+  return value.size() > k_most_shown ? text + "..." : text;
+}
+
 // What is wrong with a text value; empty when nothing is.
 std::string text_fault(const column& c, std::string_view value) {
   if (c.kind == column_kind::day && !value.empty() && (value.size() != 8 || !all_digits(value))) {
-    return fmt::format("{} \"{}\" is not YYYYMMDD", c.name, value);
+    return fmt::format("{} \"{}\" is not YYYYMMDD", c.name, shown(value));
   }
   if (c.kind == column_kind::time && !valid_time(value)) {
-    return fmt::format("{} \"{}\" is not HH:MM:SS", c.name, value);
+    return fmt::format("{} \"{}\" is not HH:MM:SS", c.name, shown(value));
   }
   if (c.kind == column_kind::symbol && value.empty()) return fmt::format("{} is empty", c.name);
+  if (value.find('\0') != std::string_view::npos) {
+    return fmt::format("{} \"{}\" holds a NUL", c.name, shown(value));
+  }
   const std::size_t most = c.kind == column_kind::symbol ? k_longest_symbol : c.width - 1;
   if (value.size() <= most) return "";
-  return fmt::format("{} \"{}\" is longer than {} characters", c.name, value, most);
+  return fmt::format("{} \"{}\" is longer than {} characters", c.name, shown(value), most);
 }
 
 template <class Number>
 std::string number_fault(const column& c, std::string_view value, Number& number) {
   const auto [end, code] = std::from_chars(value.data(), value.data() + value.size(), number);
   if (code == std::errc::result_out_of_range) {
-    return fmt::format("{} \"{}\" is too large or too small", c.name, value);
+    return fmt::format("{} \"{}\" is too large or too small", c.name, shown(value));
   }
   if (code == std::errc{} && end == value.data() + value.size()) return "";
-  return fmt::format("{} \"{}\" is no {}", c.name, value,
+  return fmt::format("{} \"{}\" is no {}", c.name, shown(value),
                      std::is_integral_v<Number> ? "whole number" : "number");
 }
 
@@ -123,7 +138,7 @@ std::string put_price(const column& c, std::string_view value, char* field) {
   if (!value.empty()) {
     std::string fault = number_fault(c, value, number);
     if (!fault.empty()) return fault;
-    if (!std::isfinite(number)) return fmt::format("{} \"{}\" is no number", c.name, value);
+    if (!std::isfinite(number)) return fmt::format("{} \"{}\" is no number", c.name, shown(value));
   }
   std::memcpy(field, &number, sizeof number);
   return "";
@@ -150,6 +165,8 @@ std::string put_value(const column& c, std::string_view value, KAVMarketDepthQuo
     case column_kind::integer:
     case column_kind::millisec:
       return put_integer(c, value, field);
+    case column_kind::ignored:
+      return "";
     default: {
       std::string fault = text_fault(c, value);
       if (fault.empty()) std::memcpy(field, value.data(), value.size());
@@ -174,7 +191,7 @@ std::string read_header(std::string_view line, std::vector<const column*>& colum
     for (const column& c : k_columns) {
       if (c.name == name) found = &c;
     }
-    if (found == nullptr) return fmt::format("unknown column \"{}\"", name);
+    if (found == nullptr) return fmt::format("unknown column \"{}\"", shown(name));
     for (const column* earlier : columns) {
       if (earlier == found) return fmt::format("column {} comes twice", name);
     }

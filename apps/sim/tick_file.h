@@ -2,8 +2,8 @@
 //
 // The first line names the columns, in any order, by the fields of the quote record. TradingDay,
 // InstrumentID, ExchangeID, LastPrice, UpdateTime and UpdateMillisec have to be there; a field
-// without a column, and a column's empty value, is zero ("no value"). No quoting, one quote a line,
-// lines in the order of time.
+// without a column, and a column's empty value, is zero ("no value"). The column ReceiveTimeNs is
+// ignored. No quoting, one quote a line, lines in the order of time.
 #pragma once
 
 #include <chrono>   // std::chrono::milliseconds

@@ -13,7 +13,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::size_t k_most_log_lines = 64;  // they are read after start() only
+constexpr std::size_t k_most_start_lines = 64;  // they are read after start() only
 constexpr std::chrono::milliseconds k_count_wait{
     500};  // far longer than a callback takes to return
 
@@ -36,7 +36,7 @@ void multicast_filter::OnQuote(KavKqsIntrumentType type, KAVMarketDepthQuoteData
 void multicast_filter::OnLog(KavKqsLogLevel, const char* text, int) {
   m_inbox.add_log_line(text);
   const std::lock_guard lock(m_lock);
-  if (m_log.size() < k_most_log_lines) m_log.push_back(printable_text(text));
+  if (m_log.size() < k_most_start_lines) m_log.push_back(printable_text(text));
 }
 
 multicast_feed::multicast_feed(KAVQuoteApi* client, quote_inbox& inbox,

@@ -18,6 +18,7 @@ enum class exit_status : int {
   no_answer = 8,
   write_failed = 9,
   no_multicast = 10,
+  quotes_lost = 11,  // of the recorder only
 };
 
 struct outcome {

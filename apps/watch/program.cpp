@@ -8,7 +8,6 @@
 #include <exception>  // std::exception
 #include <optional>   // std::optional
 #include <string>     // std::string
-#include <utility>    // std::move
 #include <variant>    // std::get_if
 
 #include "apps/watch/multicast_feed.h"
@@ -59,10 +58,15 @@ int watch(watch_options& options, standard_output& output, signal_source& signal
   return finish(end);
 }
 
+// The password is taken from both places whichever counts, which is the argument's.
+parsed_options take_options(int argc, char** argv) {
+  const std::optional<secret> from_environment = take_password_from_environment();
+  const std::optional<secret> from_arguments = take_password_from_arguments(argc, argv);
+  return parse_options(argc, argv, from_arguments ? from_arguments : from_environment);
+}
+
 int run(int argc, char** argv) {
-  std::optional<std::string> environment_password = take_password_from_environment();
-  parsed_options parsed = parse_options(argc, argv, std::move(environment_password));
-  wipe_password_arguments(argc, argv);
+  parsed_options parsed = take_options(argc, argv);
   signal_source signals;
   standard_output output;
   if (const auto* end = std::get_if<outcome>(&parsed)) return finish(*end);

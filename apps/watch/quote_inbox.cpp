@@ -28,6 +28,9 @@ std::string safe_text(const char* text) { return printable_text(text == nullptr 
 
 quote_inbox::quote_inbox(keep_quotes keep) : m_keep(keep), m_wake_fd(make_eventfd()) {}
 
+quote_inbox::quote_inbox(quote_taker& taker)
+    : m_keep(keep_quotes::every), m_taker(&taker), m_wake_fd(make_eventfd()) {}
+
 quote_inbox::~quote_inbox() { ::close(m_wake_fd); }
 
 void quote_inbox::wake() {
@@ -122,6 +125,7 @@ bool quote_inbox::replace_waiting(const KAVMarketDepthQuoteData& quote) {
 }
 
 void quote_inbox::OnQuote(KavKqsIntrumentType, KAVMarketDepthQuoteData* quote) {
+  if (m_taker != nullptr) return m_taker->take(*quote);
   bool first = false;
   {
     std::unique_lock lock(m_lock);

@@ -6,7 +6,8 @@
 //           keys.
 // Pace:     no quote is dropped. When the main thread falls k_most_waiting quotes behind,
 //           OnQuote() waits and the library holds the rest. With keep_quotes::latest a newer quote
-//           replaces one of the same symbol that was not picked up yet.
+//           replaces one of the same symbol that was not picked up yet. A quote_taker gets every
+//           quote inside its callback instead; take_quotes() has none then.
 // Shutdown: close() lets waiting callbacks go; the owner calls it before it destroys the client.
 #pragma once
 
@@ -46,12 +47,20 @@ struct session_facts {
   link_state state = link_state::connecting;
   unsigned reconnections = 0;
   bool relogin_refused = false;
-  std::uint64_t quotes = 0;  // received in all
+  std::uint64_t quotes = 0;  // received in all, but for those of a taker
+};
+
+// Takes quotes from inside their callbacks, which come from several threads at once.
+class quote_taker {
+ public:
+  virtual ~quote_taker() = default;
+  virtual void take(const KAVMarketDepthQuoteData& quote) = 0;
 };
 
 class quote_inbox : public KAVQuoteEvent {
  public:
   explicit quote_inbox(keep_quotes keep);
+  explicit quote_inbox(quote_taker& taker);  // outlives the inbox
   ~quote_inbox() override;
   quote_inbox(const quote_inbox&) = delete;
   quote_inbox& operator=(const quote_inbox&) = delete;
@@ -91,8 +100,9 @@ class quote_inbox : public KAVQuoteEvent {
   void keep_log_line(std::string line);                        // under m_lock
   bool replace_waiting(const KAVMarketDepthQuoteData& quote);  // under m_lock
 
-  const keep_quotes m_keep;  // constant
-  const int m_wake_fd;       // constant, an eventfd
+  const keep_quotes m_keep;              // constant
+  quote_taker* const m_taker = nullptr;  // constant
+  const int m_wake_fd;                   // constant, an eventfd
 
   mutable std::mutex m_lock;  // guards everything below
   std::condition_variable m_room;

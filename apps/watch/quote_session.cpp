@@ -3,9 +3,10 @@
 #include <fmt/format.h>  // fmt::format
 #include <poll.h>        // poll
 
-#include <algorithm>  // std::clamp
-#include <cstring>    // std::memcpy
-#include <utility>    // std::move
+#include <algorithm>    // std::clamp
+#include <cstring>      // std::memcpy
+#include <string_view>  // std::string_view
+#include <utility>      // std::move
 
 #include "apps/watch/secrets.h"
 
@@ -29,8 +30,11 @@ int milliseconds_until(steady::time_point deadline) {
 
 }  // namespace
 
-quote_session::quote_session(watch_options& options, signal_source& signals, keep_quotes keep)
+quote_session::quote_session(source_options& options, signal_source& signals, keep_quotes keep)
     : m_options(options), m_signals(signals), m_inbox(keep), m_client(CreateKAVQuoteApi()) {}
+
+quote_session::quote_session(source_options& options, signal_source& signals, quote_taker& taker)
+    : m_options(options), m_signals(signals), m_inbox(taker), m_client(CreateKAVQuoteApi()) {}
 
 quote_session::~quote_session() {
   if (!close()) m_connector.detach();
@@ -81,10 +85,11 @@ std::optional<outcome> quote_session::connect() {
 bool quote_session::send_login() {
   KqsLoginParam login{};  // options were checked: both texts fit with their NUL
   std::memcpy(login.m_UserId, m_options.user.data(), m_options.user.size());
-  std::memcpy(login.m_Password, m_options.password.data(), m_options.password.size());
+  const std::string_view password = m_options.password.text();
+  std::memcpy(login.m_Password, password.data(), password.size());
   const bool sent = m_client->LoginToKqs(login) != 0;
   explicit_bzero(&login, sizeof(login));
-  wipe(m_options.password);
+  m_options.password.wipe();
   return sent;
 }
 
@@ -160,9 +165,8 @@ outcome quote_session::over() const {
                         ? "the server refused the login after a reconnection"
                         : "the login after a reconnection failed too often";
   return {exit_status::session_over,
-          fmt::format("session with {} ended for good: {}; start kav-watch again when the server "
-                      "is well",
-                      m_options.server_text, why)};
+          fmt::format("session with {} ended for good: {}; start {} again when the server is well",
+                      m_options.server_text, why, m_options.program)};
 }
 
 bool quote_session::close() {

@@ -10,10 +10,10 @@
 #include <vector>      // std::vector
 
 #include "api/kav_quote_api.h"
-#include "apps/watch/options.h"
 #include "apps/watch/outcome.h"
 #include "apps/watch/quote_inbox.h"
 #include "apps/watch/signal_source.h"
+#include "apps/watch/source_options.h"
 
 namespace kav_watch {
 
@@ -25,7 +25,9 @@ namespace kav_watch {
 class quote_session {
  public:
   // Both arguments outlive the session. The password in `options` is wiped after the login.
-  quote_session(watch_options& options, signal_source& signals, keep_quotes keep);
+  quote_session(source_options& options, signal_source& signals, keep_quotes keep);
+  // Every quote goes to the taker, which outlives the session too.
+  quote_session(source_options& options, signal_source& signals, quote_taker& taker);
   ~quote_session();
   quote_session(const quote_session&) = delete;
   quote_session& operator=(const quote_session&) = delete;
@@ -59,7 +61,7 @@ class quote_session {
   // For what did not come: nothing was heard in time, or the user does not want it any more.
   outcome missing(wait_result how, const std::string& what) const;
 
-  watch_options& m_options;
+  source_options& m_options;
   signal_source& m_signals;
   quote_inbox m_inbox;  // its callbacks: any thread
   std::unique_ptr<KAVQuoteApi, client_deleter> m_client;

@@ -47,7 +47,7 @@ class quote_table {
   void apply(const KAVMarketDepthQuoteData& quote, steady_time now);
   void set_refused(const std::string& symbol);
   std::size_t size() const { return m_rows.size(); }
-  table_line line(std::size_t row, steady_time now) const;
+  table_line line(std::size_t index, steady_time now) const;
 
   static constexpr std::size_t k_most_rows = 100'000;  // a feed that invents names stays harmless
 

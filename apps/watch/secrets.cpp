@@ -1,40 +1,53 @@
 #include "apps/watch/secrets.h"
 
-#include <cstdlib>      // std::getenv, unsetenv
-#include <cstring>      // std::strlen
-#include <string_view>  // std::string_view
+#include <strings.h>  // explicit_bzero
+
+#include <algorithm>  // std::min
+#include <cstdlib>    // std::getenv, unsetenv
+#include <cstring>    // std::memset, std::strlen
 
 namespace kav_watch {
 namespace {
 
-void wipe_text(char* text) { explicit_bzero(text, std::strlen(text)); }
+secret take_argument(char* value) {
+  const secret password{value};
+  std::memset(value, '*', std::strlen(value));
+  return password;
+}
 
 }  // namespace
 
-std::optional<std::string> take_password_from_environment() {
+secret::secret(std::string_view text) : m_size(std::min(text.size(), k_most_bytes)) {
+  std::memcpy(m_text, text.data(), m_size);
+}
+
+void secret::wipe() {
+  explicit_bzero(m_text, sizeof(m_text));
+  m_size = 0;
+}
+
+std::optional<secret> take_password_from_environment() {
   char* value = std::getenv(k_password_variable);
   if (value == nullptr) return std::nullopt;
-  std::string password{value};
-  wipe_text(value);  // the kernel shows this very memory in /proc/PID/environ
+  const secret password{value};
+  explicit_bzero(value, std::strlen(value));  // the kernel shows this memory in /proc/PID/environ
   unsetenv(k_password_variable);
   return password;
 }
 
-void wipe_password_arguments(int argc, char** argv) {
-  constexpr std::string_view k_option = "--password";
+std::optional<secret> take_password_from_arguments(int argc, char** argv) {
+  constexpr std::string_view k_option = "--password", k_option_and_value = "--password=";
+  std::optional<secret> password;
   for (int i = 1; i < argc; ++i) {
     const std::string_view argument{argv[i]};
+    if (argument == "--") break;  // what follows are symbols
     if (argument == k_option && i + 1 < argc) {
-      wipe_text(argv[++i]);
-    } else if (argument.starts_with("--password=")) {
-      wipe_text(argv[i] + k_option.size() + 1);
+      password = take_argument(argv[++i]);
+    } else if (argument.starts_with(k_option_and_value)) {
+      password = take_argument(argv[i] + k_option_and_value.size());
     }
   }
-}
-
-void wipe(std::string& secret) {
-  explicit_bzero(secret.data(), secret.size());
-  secret.clear();
+  return password;
 }
 
 }  // namespace kav_watch

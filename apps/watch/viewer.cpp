@@ -3,12 +3,11 @@
 #include <fmt/format.h>  // fmt::format
 #include <poll.h>        // poll
 
-#include <algorithm>      // std::min, std::clamp
-#include <cstdio>         // stderr
-#include <cstdlib>        // std::getenv
-#include <iterator>       // std::back_inserter
-#include <unordered_map>  // std::unordered_map
-#include <utility>        // std::exchange, std::move
+#include <algorithm>  // std::min, std::clamp
+#include <cstdio>     // stderr
+#include <cstdlib>    // std::getenv
+#include <iterator>   // std::back_inserter
+#include <utility>    // std::exchange, std::move
 
 #include "apps/watch/quote_format.h"
 #include "apps/watch/text_safety.h"
@@ -21,14 +20,8 @@ using steady = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds k_redraw{100};       // the eye does not want it faster
 constexpr std::chrono::milliseconds k_last_flush{2000};  // for what waits when the program ends
 constexpr int k_idle_wait_ms = 1000;                     // nothing depends on it
-constexpr std::chrono::milliseconds k_look{500};         // often enough for a person
-constexpr std::size_t k_named_symbols = 10;              // in one message
 
 void note(const std::string& text) { fmt::print(stderr, "kav-watch: {}\n", text); }
-
-std::string first_names(const std::vector<std::string>& names) {
-  return printable_text(first_texts(names, k_named_symbols));
-}
 
 bool colour_wanted() {
   const char* no_colour = std::getenv("NO_COLOR");
@@ -36,23 +29,6 @@ bool colour_wanted() {
 }
 
 }  // namespace
-
-symbol_choice choose_symbols(const std::vector<listed_symbol>& list,
-                             const std::vector<std::string>& names) {
-  if (names.empty()) return {list, {}};
-  std::unordered_map<std::string_view, const listed_symbol*> index;
-  for (const listed_symbol& symbol : list) index.try_emplace(symbol.name, &symbol);
-  symbol_choice choice;
-  for (const std::string& name : names) {
-    const auto found = index.find(name);
-    if (found == index.end()) {
-      choice.unknown.push_back(name);
-    } else {
-      choice.known.push_back(*found->second);
-    }
-  }
-  return choice;
-}
 
 viewer::viewer(const watch_options& options, output_format format, quote_session& session,
                multicast_feed& feed, signal_source& signals, standard_output& output)
@@ -62,38 +38,21 @@ viewer::viewer(const watch_options& options, output_format format, quote_session
       m_feed(feed),
       m_signals(signals),
       m_output(output),
+      m_source(options, session, feed, [this](const std::string& line) { tell(line); }),
       m_lines(output.fd(), signals.fd()) {}
 
 outcome viewer::run() {
-  if (std::optional<outcome> end = begin_session()) return *end;
-  if (std::optional<outcome> end = begin_reception()) return *end;
+  if (std::optional<outcome> end = m_source.open()) return *end;
+  if (m_options.list_only) return print_list();
+  if (std::optional<outcome> end = m_source.begin()) return *end;
   if (m_options.duration) m_deadline = steady::now() + *m_options.duration;
   outcome end = show_quotes();
-  report_counts();
+  m_source.report_counts();
   return end;
 }
 
 outcome viewer::show_quotes() {
   return m_format == output_format::table ? show_table() : stream_quotes();
-}
-
-std::optional<outcome> viewer::begin_session() {
-  if (!m_options.server) return std::nullopt;
-  if (std::optional<outcome> end = m_session.open()) return end;
-  if (m_options.list_only) return print_list();
-  return register_symbols();
-}
-
-std::optional<outcome> viewer::begin_reception() {
-  if (!m_feed.is_wanted()) return std::nullopt;
-  const std::vector<std::string> refusals = m_feed.start();
-  if (!refusals.empty()) {
-    report_events();
-    for (const std::string& line : refusals) note(line);
-    return outcome{exit_status::no_multicast, ""};
-  }
-  m_reception.emplace(m_feed.groups(), !m_options.server, steady::now());
-  return std::nullopt;
 }
 
 outcome viewer::print_list() {
@@ -119,31 +78,6 @@ outcome viewer::print_list() {
   return finish_stream({});
 }
 
-std::optional<outcome> viewer::register_symbols() {
-  symbol_choice choice = choose_symbols(m_session.symbols(), m_options.symbols);
-  if (!choice.unknown.empty()) {
-    if (std::optional<outcome> end = judge_unknown(choice)) return end;
-  }
-  m_watched = std::move(choice.known);
-  m_session.watch(m_watched);
-  return std::nullopt;
-}
-
-std::optional<outcome> viewer::judge_unknown(const symbol_choice& choice) const {
-  const std::string text = "the server does not know " + first_names(choice.unknown);
-  if (m_feed.is_wanted()) {  // which groups carry a symbol is known to nobody
-    note(text + "; awaiting quotes of the multicast groups only");
-    return std::nullopt;
-  }
-  if (choice.known.empty() || !m_options.keep_going) {
-    return outcome{exit_status::unknown_symbol,
-                   text + "; --list shows what it knows" +
-                       (choice.known.empty() ? "" : ", --keep-going watches the others")};
-  }
-  note(text + "; watching the others");
-  return std::nullopt;
-}
-
 // ---- Lines ----
 
 outcome viewer::stream_quotes() {
@@ -160,10 +94,10 @@ std::optional<outcome> viewer::stream_turn() {
   const session_facts facts = m_session.inbox().facts();  // before the quotes that preceded it
   if (std::optional<outcome> end = write_batch()) return end;
   if (std::optional<outcome> end = flush()) return end;
-  report_events();
-  report(facts);
-  if (std::optional<outcome> end = judge_session(facts)) return end;
-  report_reception();
+  m_source.report_events();
+  m_source.report(facts);
+  if (std::optional<outcome> end = m_source.judge_session(facts)) return end;
+  m_source.report_reception();
   if (asked_to_end()) return outcome{};
   return std::nullopt;
 }
@@ -234,7 +168,7 @@ quote_table viewer::make_table() const {
   // What the server does not know may come from a group all the same.
   if (m_feed.is_wanted() && !m_options.symbols.empty()) return quote_table{m_options.symbols};
   std::vector<std::string> names;
-  for (const listed_symbol& symbol : m_watched) names.push_back(symbol.name);
+  for (const listed_symbol& symbol : m_source.watched()) names.push_back(symbol.name);
   return quote_table{names, m_feed.is_wanted() ? new_symbols::added : new_symbols::ignored};
 }
 
@@ -261,8 +195,8 @@ std::optional<outcome> viewer::table_turn() {
   const session_facts facts = m_session.inbox().facts();
   gather_for_table();
   m_rate.update(facts.quotes, steady::now());
-  if (std::optional<outcome> end = judge_session(facts)) return end;
-  report_reception();
+  if (std::optional<outcome> end = m_source.judge_session(facts)) return end;
+  m_source.report_reception();
   if (m_options.count && facts.quotes >= *m_options.count) return outcome{};
   if (asked_to_end() || !m_screen->obey_keys()) return outcome{};
   if (m_signals.take_resize()) m_screen->fit_to_terminal();
@@ -313,52 +247,6 @@ int viewer::milliseconds_left() const {
   const auto left =
       std::chrono::ceil<std::chrono::milliseconds>(*m_deadline - steady::now()).count();
   return static_cast<int>(std::clamp<decltype(left)>(left, 0, k_idle_wait_ms));
-}
-
-void viewer::report_events() {
-  const std::vector<std::string> refused = m_session.inbox().take_refusals();
-  if (!refused.empty()) {
-    note(
-        fmt::format("the server refuses to send quotes of {}; still asking", first_names(refused)));
-  }
-  for (const std::string& line : m_session.inbox().take_log()) {
-    if (m_options.verbose) note(line);
-  }
-}
-
-void viewer::report(const session_facts& facts) {
-  if (!m_options.server || facts.state == m_told_state) return;
-  if (facts.state == link_state::reconnecting) {
-    note(fmt::format("connection to {} lost, reconnecting", m_options.server_text));
-  } else if (facts.state == link_state::live) {
-    note(fmt::format("connected to {} again", m_options.server_text));
-  }
-  m_told_state = facts.state;
-}
-
-std::optional<outcome> viewer::judge_session(const session_facts& facts) {
-  if (facts.state != link_state::over) return std::nullopt;
-  outcome end = m_session.over();
-  if (!m_feed.is_receiving()) return end;
-  if (!std::exchange(m_over_told, true)) tell(end.message + "; multicast goes on");
-  return std::nullopt;
-}
-
-void viewer::report_reception() {
-  const steady_time now = steady::now();
-  if (!m_reception || now < m_next_look) return;
-  m_next_look = now + k_look;
-  for (const std::string& line : m_reception->due(m_feed.counts(), now)) tell(line);
-}
-
-void viewer::report_counts() {
-  if (!m_feed.is_receiving()) return;
-  const std::vector<KAVMulticastStatistics> counts = m_feed.last_counts();
-  for (std::size_t i = 0; i < counts.size(); ++i) {
-    if (m_options.verbose || has_losses(counts[i])) {
-      note(counts_text(m_feed.groups()[i], counts[i]));
-    }
-  }
 }
 
 void viewer::tell(const std::string& line) {

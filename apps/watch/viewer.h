@@ -12,22 +12,13 @@
 #include "apps/watch/outcome.h"
 #include "apps/watch/output_stream.h"
 #include "apps/watch/quote_session.h"
+#include "apps/watch/quote_source.h"
 #include "apps/watch/quote_table.h"
-#include "apps/watch/reception_report.h"
 #include "apps/watch/signal_source.h"
 #include "apps/watch/standard_output.h"
 #include "apps/watch/table_screen.h"
 
 namespace kav_watch {
-
-// The symbols of the list that were named, in the order of their names, and the names that are in
-// no list. No names: the whole list.
-struct symbol_choice {
-  std::vector<listed_symbol> known;
-  std::vector<std::string> unknown;
-};
-symbol_choice choose_symbols(const std::vector<listed_symbol>& list,
-                             const std::vector<std::string>& names);
 
 // Main thread only.
 class viewer {
@@ -40,12 +31,7 @@ class viewer {
 
  private:
   outcome show_quotes();
-  std::optional<outcome> begin_session();
-  std::optional<outcome> begin_reception();
   outcome print_list();
-  std::optional<outcome> register_symbols();
-  // Nothing: go on with what the server knows.
-  std::optional<outcome> judge_unknown(const symbol_choice& choice) const;
 
   outcome stream_quotes();
   // One turn: quotes that wait become lines. Nothing: go on.
@@ -68,12 +54,6 @@ class viewer {
 
   bool asked_to_end();  // by a signal or --seconds
   int milliseconds_left() const;
-  void report_events();
-  void report(const session_facts& facts);
-  // Nothing: go on, with the session or, when there are groups, without it.
-  std::optional<outcome> judge_session(const session_facts& facts);
-  void report_reception();
-  void report_counts();
   void tell(const std::string& line);  // on standard error, in the table's last line
   std::size_t wanted_now(std::size_t available) const;  // what --count still allows
 
@@ -83,15 +63,11 @@ class viewer {
   multicast_feed& m_feed;
   signal_source& m_signals;
   standard_output& m_output;
+  quote_source m_source;
   output_stream m_lines;
   std::optional<steady_time> m_deadline;
   std::uint64_t m_shown = 0;
   std::vector<KAVMarketDepthQuoteData> m_batch;
-  std::vector<listed_symbol> m_watched;
-  link_state m_told_state = link_state::live;  // what standard error was told last
-  std::optional<reception_watch> m_reception;  // while groups are being received
-  bool m_over_told = false;                    // of a session that multicast outlives
-  steady_time m_next_look{};                   // at the groups' counts
 
   // Of the table only.
   std::optional<quote_table> m_table;

@@ -7,7 +7,6 @@ if(TARGET kav_decode_core)
 
   kav_add_test(kav_decode_program_test
     SOURCES decode_live_test.cpp decode_packets.cpp decode_program_test.cpp
-            ../support/tcp_peer.cpp
     LIBRARIES kav_decode_core kav_test_support
     TIMEOUT 180)
   target_compile_definitions(kav_decode_program_test

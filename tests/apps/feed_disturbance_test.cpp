@@ -21,6 +21,7 @@ std::vector<int> passed(disturbance& by, int count) {
   for (int i = 0; i < count; ++i) by.pass(numbered(i), out);
   by.finish(out);
   std::vector<int> numbers;
+  numbers.reserve(out.size());
   for (const datagram& each : out) numbers.push_back(at<int>(each, 0));
   return numbers;
 }
@@ -33,8 +34,8 @@ std::vector<int> modelled(double loss, double reorder, std::uint64_t seed, int c
   std::vector<int> left;
   std::vector<bool> swap;
   for (int i = 0; i < count; ++i) {
-    const double first = std::ldexp(static_cast<double>(random() / 2048), -53);
-    const double second = std::ldexp(static_cast<double>(random() / 2048), -53);
+    const double first = std::ldexp(static_cast<double>(random() >> 11), -53);
+    const double second = std::ldexp(static_cast<double>(random() >> 11), -53);
     if (first < loss) continue;
     left.push_back(i);
     swap.push_back(second < reorder);

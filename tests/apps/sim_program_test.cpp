@@ -104,9 +104,9 @@ TEST(sim_program, it_serves_a_client_and_a_second_one_on_its_port_ends_with_1) {
   EXPECT_EQ('Y', client.read_exactly(24)[1]);
   ASSERT_TRUE(client.send(symbol_request_bytes('N', '2', "0")));
   EXPECT_EQ("I0", client.read_exactly(32).substr(0, 2));
-  const std::string quote = client.read_exactly(367);
-  EXPECT_EQ("Q2", quote.substr(0, 2));
-  EXPECT_EQ(std::string("0\0", 2), quote.substr(31, 2));
+  const std::string message = client.read_exactly(367);
+  EXPECT_EQ("Q2", message.substr(0, 2));
+  EXPECT_EQ(std::string("0\0", 2), message.substr(31, 2));
 
   ASSERT_EQ(0, ::kill(child, SIGTERM));
   int status = -1;

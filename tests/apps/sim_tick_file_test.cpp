@@ -123,6 +123,21 @@ TEST_F(sim_tick_file_test, complaints_name_file_line_and_cause) {
             error_of(k_head + ",Volume\n20170420,a,SHFE,1,18:36:39,0,2147483648\n"));
 }
 
+TEST_F(sim_tick_file_test, what_is_wrong_is_told_in_one_printable_line_of_bearable_length) {
+  EXPECT_EQ(":1: unknown column \"?[2J?\"", error_of(k_head + ",\x1B[2J\x7F\n"));
+  EXPECT_EQ(":1: unknown column \"?????\"", error_of("\x1F\r\x01\xC2\x9B\n"));
+  EXPECT_EQ(":1: unknown column \"" + std::string(60, 'x') + "...\"",
+            error_of(std::string(61, 'x') + "\n"));
+}
+
+TEST_F(sim_tick_file_test, text_that_a_nul_would_end_early_is_refused) {
+  const std::string nul(1, '\0');
+  EXPECT_EQ(":2: InstrumentID \"?a\" holds a NUL",
+            error_of(k_head + "\n20170420," + nul + "a,SHFE,1,18:36:39,0\n"));
+  EXPECT_EQ(":2: ExchangeID \"S?E\" holds a NUL",
+            error_of(k_head + "\n20170420,a,S" + nul + "E,1,18:36:39,0\n"));
+}
+
 TEST_F(sim_tick_file_test, packed_files_are_read_and_a_torn_one_is_told) {
   const std::string path = m_folder + "/t.csv.gz";
   std::string text = k_head + "\n";

@@ -9,9 +9,9 @@ if(TARGET kav_sim_core)
   kav_add_test(kav_watch_program_test
     SOURCES watch_multicast.cpp watch_multicast_test.cpp watch_process.cpp watch_program_test.cpp
             watch_terminal_test.cpp
-    LIBRARIES kav_watch_core kav_sim_core util
+    LIBRARIES kav_watch_core kav_sim_core kav_test_system util
     TIMEOUT 180)
   target_compile_definitions(kav_watch_program_test
-                             PRIVATE KAV_WATCH_PROGRAM="$<TARGET_FILE:kav-watch>")
+                             PRIVATE KAV_TESTED_PROGRAM="$<TARGET_FILE:kav-watch>")
   add_dependencies(kav_watch_program_test kav-watch)
 endif()

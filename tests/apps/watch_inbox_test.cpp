@@ -17,7 +17,7 @@ using testing::ElementsAre;
 
 constexpr auto k_type = static_cast<KavKqsIntrumentType>('1');
 
-KAVMarketDepthQuoteData quote_of(const std::string& symbol, int volume) {
+KAVMarketDepthQuoteData traded(const std::string& symbol, int volume) {
   KAVMarketDepthQuoteData quote{};
   std::snprintf(quote.InstrumentID, sizeof(quote.InstrumentID), "%s", symbol.c_str());
   quote.Volume = volume;
@@ -33,7 +33,7 @@ bool is_awake(const quote_inbox& inbox) {
 
 TEST(watch_inbox, quotes_come_out_in_their_order_and_once) {
   quote_inbox inbox{keep_quotes::every};
-  for (int i = 0; i < 3; ++i) deliver(inbox, quote_of("A", i));
+  for (int i = 0; i < 3; ++i) deliver(inbox, traded("A", i));
   EXPECT_TRUE(is_awake(inbox));
   std::vector<KAVMarketDepthQuoteData> quotes;
   inbox.take_quotes(quotes);
@@ -46,16 +46,16 @@ TEST(watch_inbox, quotes_come_out_in_their_order_and_once) {
 
 TEST(watch_inbox, of_the_latest_quotes_one_stays_for_each_symbol) {
   quote_inbox inbox{keep_quotes::latest};
-  deliver(inbox, quote_of("A", 1));
-  deliver(inbox, quote_of("B", 2));
-  deliver(inbox, quote_of("A", 3));
+  deliver(inbox, traded("A", 1));
+  deliver(inbox, traded("B", 2));
+  deliver(inbox, traded("A", 3));
   std::vector<KAVMarketDepthQuoteData> quotes;
   inbox.take_quotes(quotes);
   ASSERT_EQ(2u, quotes.size());
   EXPECT_EQ(3, int{quotes[0].Volume});
   EXPECT_EQ(2, int{quotes[1].Volume});
   EXPECT_EQ(3u, inbox.facts().quotes);
-  deliver(inbox, quote_of("A", 4));
+  deliver(inbox, traded("A", 4));
   inbox.take_quotes(quotes);
   ASSERT_EQ(1u, quotes.size());
 }
@@ -64,7 +64,7 @@ TEST(watch_inbox, a_full_inbox_makes_the_library_wait_and_loses_nothing) {
   quote_inbox inbox{keep_quotes::every};
   const std::size_t sent = quote_inbox::k_most_waiting * 2 + 7;
   std::thread library{[&] {
-    for (std::size_t i = 0; i < sent; ++i) deliver(inbox, quote_of("A", static_cast<int>(i)));
+    for (std::size_t i = 0; i < sent; ++i) deliver(inbox, traded("A", static_cast<int>(i)));
   }};
   std::size_t next = 0;
   std::vector<KAVMarketDepthQuoteData> quotes;
@@ -83,7 +83,7 @@ TEST(watch_inbox, two_threads_feed_it_and_each_ones_quotes_keep_their_order) {
   quote_inbox inbox{keep_quotes::every};
   constexpr int k_sent = quote_inbox::k_most_waiting;  // of each: together they have to wait
   const auto send = [&inbox](const char* symbol) {
-    for (int i = 0; i < k_sent; ++i) deliver(inbox, quote_of(symbol, i));
+    for (int i = 0; i < k_sent; ++i) deliver(inbox, traded(symbol, i));
   };
   std::thread session{send, "S"};
   std::thread multicast{send, "M"};
@@ -112,7 +112,7 @@ TEST(watch_inbox, of_a_symbol_of_two_threads_the_latest_quote_stays) {
   std::vector<KAVMarketDepthQuoteData> quotes;
   for (int round = 0; round < 100; ++round) {
     const auto send = [&inbox](int first) {
-      for (int i = 0; i < 50; ++i) deliver(inbox, quote_of("A", first + i));
+      for (int i = 0; i < 50; ++i) deliver(inbox, traded("A", first + i));
     };
     std::thread session{send, 0};
     std::thread multicast{send, 1000};
@@ -128,8 +128,8 @@ TEST(watch_inbox, of_a_symbol_of_two_threads_the_latest_quote_stays) {
 
 TEST(watch_inbox, closing_lets_a_waiting_callback_go) {
   quote_inbox inbox{keep_quotes::every};
-  for (std::size_t i = 0; i < quote_inbox::k_most_waiting; ++i) deliver(inbox, quote_of("A", 1));
-  std::thread library{[&] { deliver(inbox, quote_of("A", 2)); }};
+  for (std::size_t i = 0; i < quote_inbox::k_most_waiting; ++i) deliver(inbox, traded("A", 1));
+  std::thread library{[&] { deliver(inbox, traded("A", 2)); }};
   inbox.close();
   library.join();
   EXPECT_EQ(quote_inbox::k_most_waiting, inbox.facts().quotes);

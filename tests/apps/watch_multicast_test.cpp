@@ -50,11 +50,6 @@ fields quote_fields(const child_process& child, std::size_t index) {
   return found;
 }
 
-void expect_end(child_process& child, int status) {
-  EXPECT_EQ(status, child.wait()) << child.errors();
-  EXPECT_EQ("", child.errors());
-}
-
 bool wait_lines(const child_process& child, std::size_t count) {
   return wait_until([&] { return split_lines(child.output()).size() >= count; });
 }

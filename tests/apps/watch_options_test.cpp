@@ -23,9 +23,13 @@ const std::vector<std::string> k_login{"--server", "127.0.0.1:9000", "--user", "
 parsed_options parse(std::vector<std::string> arguments,
                      std::optional<std::string> environment = "secret", bool with_login = true) {
   if (with_login) arguments.insert(arguments.begin(), k_login.begin(), k_login.end());
-  std::vector<const char*> argv{"kav-watch"};
-  for (const std::string& argument : arguments) argv.push_back(argument.c_str());
-  return parse_options(static_cast<int>(argv.size()), argv.data(), std::move(environment));
+  std::string name{"kav-watch"};
+  std::vector<char*> argv{name.data()};
+  for (std::string& argument : arguments) argv.push_back(argument.data());
+  const int argc = static_cast<int>(argv.size());
+  std::optional<secret> password = take_password_from_arguments(argc, argv.data());
+  if (!password && environment) password.emplace(*environment);
+  return parse_options(argc, argv.data(), password);
 }
 
 watch_options accepted(const parsed_options& parsed) {
@@ -46,7 +50,7 @@ TEST(watch_options, what_is_not_given_has_its_default) {
   EXPECT_STREQ("127.0.0.1", options.server->m_ServerIp);
   EXPECT_EQ(9000, options.server->m_ServerPort);
   EXPECT_EQ("me", options.user);
-  EXPECT_EQ("secret", options.password);
+  EXPECT_EQ("secret", options.password.text());
   EXPECT_TRUE(options.symbols.empty());
   EXPECT_EQ(output_format::automatic, options.format);
   EXPECT_FALSE(options.count);
@@ -59,7 +63,7 @@ TEST(watch_options, everything_can_be_given) {
   const watch_options options = accepted(
       parse({"--password", "-p w", "--format", "csv", "--count", "5", "--seconds", "1.5",
              "--timeout", "2", "--list", "--keep-going", "IF2509", "Au(T+D)", "IF2509", "-v"}));
-  EXPECT_EQ("-p w", options.password);
+  EXPECT_EQ("-p w", options.password.text());
   EXPECT_THAT(options.symbols, ElementsAre("IF2509", "Au(T+D)"));
   EXPECT_EQ(output_format::csv, options.format);
   EXPECT_EQ(5u, options.count);
@@ -92,8 +96,8 @@ TEST(watch_options, multicast_alone_needs_no_login) {
   const watch_options options =
       accepted(parse({"--multicast", k_group, "IF2509", "--count", "3"}, std::nullopt, false));
   EXPECT_FALSE(options.server);
-  EXPECT_EQ("", options.password);
-  EXPECT_EQ("", accepted(parse({"--multicast", k_group}, "secret", false)).password);
+  EXPECT_EQ("", options.password.text());
+  EXPECT_EQ("", accepted(parse({"--multicast", k_group}, "secret", false)).password.text());
   ASSERT_EQ(1u, options.groups.size());
   EXPECT_STREQ("239.255.10.1", options.groups[0].info.m_GroupIp);
   EXPECT_THAT(options.symbols, ElementsAre("IF2509"));
@@ -154,12 +158,12 @@ TEST(watch_options, more_groups_than_the_library_takes_are_refused) {
 
 TEST(watch_options, a_missing_password_is_refused_and_an_empty_one_is_not) {
   EXPECT_THAT(refusal(parse({}, std::nullopt)), HasSubstr("KAV_PASSWORD"));
-  EXPECT_EQ("", accepted(parse({}, "")).password);
-  EXPECT_EQ("", accepted(parse({"--password", ""}, std::nullopt)).password);
+  EXPECT_EQ("", accepted(parse({}, "")).password.text());
+  EXPECT_EQ("", accepted(parse({"--password", ""}, std::nullopt)).password.text());
 }
 
 TEST(watch_options, a_password_argument_wins_over_the_environment) {
-  EXPECT_EQ("other", accepted(parse({"--password=other"})).password);
+  EXPECT_EQ("other", accepted(parse({"--password=other"})).password.text());
 }
 
 TEST(watch_options, texts_that_the_login_would_cut_are_refused) {
@@ -169,7 +173,7 @@ TEST(watch_options, texts_that_the_login_would_cut_are_refused) {
   EXPECT_THAT(
       refusal(parse({"--server", "127.0.0.1:1", "--user", std::string(16, 'u')}, "s", false)),
       HasSubstr("15 bytes"));
-  EXPECT_EQ(32u, accepted(parse({}, std::string(32, 'p'))).password.size());
+  EXPECT_EQ(32u, accepted(parse({}, std::string(32, 'p'))).password.text().size());
   EXPECT_THAT(refusal(parse({}, std::string(33, 'p'))), HasSubstr("32 bytes"));
 }
 

@@ -1,12 +1,14 @@
 #include "watch_process.h"
 
-#include <fcntl.h>      // open
-#include <poll.h>       // poll
-#include <pty.h>        // forkpty
-#include <signal.h>     // kill
-#include <sys/ioctl.h>  // TIOCSWINSZ
-#include <sys/wait.h>   // waitpid
-#include <unistd.h>     // fork, execv
+#include <fcntl.h>         // open
+#include <gtest/gtest.h>   // EXPECT_EQ
+#include <poll.h>          // poll
+#include <pty.h>           // forkpty
+#include <signal.h>        // kill
+#include <sys/ioctl.h>     // TIOCSWINSZ
+#include <sys/resource.h>  // setrlimit
+#include <sys/wait.h>      // waitpid
+#include <unistd.h>        // fork, execv
 
 #include <cstdlib>    // setenv
 #include <fstream>    // std::ifstream
@@ -91,12 +93,18 @@ void child_process::run_child(const child_options& options) {
   } else {
     ::unsetenv("KAV_PASSWORD");
   }
-  std::vector<char*> argv{const_cast<char*>("kav-watch")};
+  if (options.most_file_bytes) {
+    const rlimit limit{*options.most_file_bytes, *options.most_file_bytes};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  const char* const program =
+      options.program.empty() ? KAV_TESTED_PROGRAM : options.program.c_str();
+  std::vector<char*> argv{const_cast<char*>(program)};
   for (const std::string& argument : options.arguments) {
     argv.push_back(const_cast<char*>(argument.c_str()));
   }
   argv.push_back(nullptr);
-  ::execv(KAV_WATCH_PROGRAM, argv.data());
+  ::execv(program, argv.data());
   ::_exit(127);
 }
 
@@ -164,6 +172,11 @@ std::optional<int> child_process::wait() {
   m_error_collector = std::thread([] {});
   if (!WIFEXITED(*m_raw_status)) return std::nullopt;
   return WEXITSTATUS(*m_raw_status);
+}
+
+void expect_end(child_process& child, int status) {
+  EXPECT_EQ(status, child.wait()) << child.errors();
+  EXPECT_EQ("", child.errors());
 }
 
 }  // namespace kav_watch_test

@@ -1,4 +1,4 @@
-// The viewer as a child process: started, watched and ended by a test.
+// A program as a child process: started, watched and ended by a test.
 #pragma once
 
 #include <sys/types.h>  // pid_t
@@ -27,12 +27,14 @@ std::vector<std::string> split_lines(const std::string& text);
 enum class child_stdout { pipe, terminal };
 
 struct child_options {
+  std::string program;  // empty: the one under test
   std::vector<std::string> arguments;
   std::optional<std::string> environment_password = "secret";
   child_stdout standard_output = child_stdout::pipe;
-  std::string output_path;                  // instead of the pipe, when not empty
-  bool read_output = true;                  // false: nobody reads the pipe until it is closed
-  unsigned short rows = 24, columns = 130;  // of the terminal
+  std::string output_path;                       // instead of the pipe, when not empty
+  bool read_output = true;                       // false: nobody reads the pipe until it is closed
+  std::optional<unsigned long> most_file_bytes;  // larger files cannot be written
+  unsigned short rows = 24, columns = 130;       // of the terminal
 };
 
 // Threads: two threads collect what the child writes; everything else on the test's thread.
@@ -73,5 +75,8 @@ class child_process {
   std::string m_errors;  // under m_lock
   std::thread m_output_collector, m_error_collector;
 };
+
+// The child ends by itself, with this exit status and without a complaint.
+void expect_end(child_process& child, int status);
 
 }  // namespace kav_watch_test

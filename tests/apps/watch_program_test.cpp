@@ -16,6 +16,8 @@
 #include <vector>     // std::vector
 
 #include "apps/watch/quote_format.h"
+#include "tests/support/memory_search.h"
+#include "tests/support/process_view.h"
 #include "watch_server.h"
 
 namespace kav_watch_test {
@@ -23,6 +25,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::HasSubstr;
+using testing::IsEmpty;
 using testing::Not;
 using testing::UnorderedElementsAre;
 
@@ -43,11 +46,6 @@ std::string file_text(const std::string& path) {
   std::ostringstream text;
   text << file.rdbuf();
   return text.str();
-}
-
-void expect_end(child_process& child, int status) {
-  EXPECT_EQ(status, child.wait()) << child.errors();
-  EXPECT_EQ("", child.errors());
 }
 
 void expect_failure(child_process& child, int status, const std::string& text) {
@@ -392,6 +390,56 @@ TEST_F(watch_program_test, a_password_argument_is_overwritten) {
   EXPECT_THAT(child.proc_file("cmdline"), HasSubstr("--password"));
   EXPECT_THAT(child.proc_file("cmdline"), HasSubstr("IF2509"));
   EXPECT_THAT(child.proc_file("cmdline"), Not(HasSubstr("secret")));
+}
+
+// A server for any password, and a viewer at work that has got one nobody else knows.
+class watch_memory_test : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (kav_test::k_sanitized) GTEST_SKIP() << "sanitizers keep more memory than can be searched";
+    ASSERT_TRUE(m_server.start()) << m_server.start_error();
+    m_password.reveal(m_text);
+  }
+  static kav_sim::server_options server_options() {
+    kav_sim::server_options options;
+    options.symbols = {{"IF2509", '1'}};
+    return options;
+  }
+  // Where the password is in the viewer's memory.
+  std::vector<std::string> places(const std::vector<std::string>& arguments, bool in_environment) {
+    child_options options;
+    options.environment_password.reset();
+    if (in_environment) options.environment_password = m_text;
+    options.arguments = {"--server", "127.0.0.1:" + std::to_string(m_server.port()), "--user", "me",
+                         "IF2509"};
+    options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
+    child_process child{options};
+    EXPECT_TRUE(wait_until([&] { return m_server.registered("IF2509"); })) << child.errors();
+    std::vector<std::string> found = m_password.places_in(child.pid());
+    child.send_signal(SIGINT);
+    EXPECT_EQ(0, child.wait());
+    return found;
+  }
+
+  kav_sim::quote_server m_server{server_options()};
+  kav_test::hidden_text m_password;
+  char m_text[kav_test::hidden_text::k_length + 1] = {};
+};
+
+TEST_F(watch_memory_test, a_password_of_the_environment_does_not_stay_in_memory) {
+  EXPECT_THAT(places({}, true), IsEmpty());
+}
+
+TEST_F(watch_memory_test, a_password_argument_does_not_stay_in_memory) {
+  EXPECT_THAT(places({"--password", m_text}, false), IsEmpty());
+}
+
+TEST_F(watch_memory_test, a_password_argument_with_an_equals_sign_does_not_stay_in_memory) {
+  EXPECT_THAT(places({std::string{"--password="} + m_text}, false), IsEmpty());
+}
+
+TEST_F(watch_memory_test, a_text_that_the_viewer_keeps_is_found) {
+  EXPECT_THAT(places({"--keep-going", "--password", "other", m_text}, false), Not(IsEmpty()));
 }
 
 }  // namespace

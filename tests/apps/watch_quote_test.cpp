@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cmath>    // NAN, INFINITY
 #include <cstring>  // std::memset, std::strcpy
 #include <limits>   // std::numeric_limits
 #include <string>   // std::string
@@ -9,6 +8,8 @@
 
 namespace kav_watch {
 namespace {
+
+constexpr double k_infinity = std::numeric_limits<double>::infinity();
 
 using appender = void (*)(fmt::memory_buffer&, const KAVMarketDepthQuoteData&);
 
@@ -73,9 +74,9 @@ TEST(watch_quote, json_line_is_one_object_with_all_fields) {
 
 TEST(watch_quote, json_numbers_that_json_cannot_hold_are_null) {
   KAVMarketDepthQuoteData quote = sample();
-  quote.LastPrice = NAN;
-  quote.BidPrice1 = INFINITY;
-  quote.AskPrice1 = -INFINITY;
+  quote.LastPrice = std::numeric_limits<double>::quiet_NaN();
+  quote.BidPrice1 = k_infinity;
+  quote.AskPrice1 = -k_infinity;
   const std::string text = line(append_json, quote);
   EXPECT_NE(std::string::npos, text.find(R"("LastPrice":null,)"));
   EXPECT_NE(std::string::npos, text.find(R"("BidPrice1":null,)"));

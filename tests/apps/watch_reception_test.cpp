@@ -20,7 +20,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-const reception_watch::time_point k_start{1000s};
+const reception_watch::time_point k_joined{1000s};
 
 watched_group group_of(const std::string& text) {
   return std::get<watched_group>(parse_group(text));
@@ -84,42 +84,42 @@ TEST(watch_reception, what_became_no_quote_is_a_loss) {
 // ---- When something is due
 
 TEST(watch_reception, silence_is_told_once_after_its_time) {
-  reception_watch watch{{k_first, k_second}, true, k_start};
+  reception_watch watch{{k_first, k_second}, true, k_joined};
   const std::vector<KAVMulticastStatistics> nothing{received(0), received(0)};
-  EXPECT_THAT(watch.due(nothing, k_start + 4999ms), IsEmpty());
-  EXPECT_THAT(watch.due(nothing, k_start + 5s),
+  EXPECT_THAT(watch.due(nothing, k_joined + 4999ms), IsEmpty());
+  EXPECT_THAT(watch.due(nothing, k_joined + 5s),
               ElementsAre(testing::AllOf(
                   HasSubstr("no datagram yet on 239.255.10.1:30001:SHFE, 239.255.10.2:30002:LUMEN"),
                   HasSubstr("docs/multicast.md"))));
-  EXPECT_THAT(watch.due(nothing, k_start + 60s), IsEmpty());
+  EXPECT_THAT(watch.due(nothing, k_joined + 60s), IsEmpty());
 }
 
 TEST(watch_reception, silence_names_a_few_groups_only) {
-  reception_watch watch{{k_first, k_first, k_first, k_first, k_first}, true, k_start};
-  EXPECT_THAT(watch.due(std::vector<KAVMulticastStatistics>(5), k_start + 5s),
+  reception_watch watch{{k_first, k_first, k_first, k_first, k_first}, true, k_joined};
+  EXPECT_THAT(watch.due(std::vector<KAVMulticastStatistics>(5), k_joined + 5s),
               ElementsAre(HasSubstr("SHFE and 2 more; ")));
 }
 
 TEST(watch_reception, one_datagram_of_any_group_is_no_silence) {
-  reception_watch watch{{k_first, k_second}, true, k_start};
-  EXPECT_THAT(watch.due({received(0), {1, 0, 1, 0, 0}}, k_start + 5s), IsEmpty());
+  reception_watch watch{{k_first, k_second}, true, k_joined};
+  EXPECT_THAT(watch.due({received(0), {1, 0, 1, 0, 0}}, k_joined + 5s), IsEmpty());
 }
 
 TEST(watch_reception, silence_beside_a_session_is_not_told) {
-  reception_watch watch{{k_first}, false, k_start};
-  EXPECT_THAT(watch.due({received(0)}, k_start + 60s), IsEmpty());
+  reception_watch watch{{k_first}, false, k_joined};
+  EXPECT_THAT(watch.due({received(0)}, k_joined + 60s), IsEmpty());
 }
 
 TEST(watch_reception, drops_are_told_as_they_grow_with_a_pause_between) {
-  reception_watch watch{{k_first, k_second}, true, k_start};
-  EXPECT_THAT(watch.due({dropped(0), dropped(0)}, k_start), IsEmpty());
-  EXPECT_THAT(watch.due({dropped(3), dropped(0)}, k_start + 1s),
+  reception_watch watch{{k_first, k_second}, true, k_joined};
+  EXPECT_THAT(watch.due({dropped(0), dropped(0)}, k_joined), IsEmpty());
+  EXPECT_THAT(watch.due({dropped(3), dropped(0)}, k_joined + 1s),
               ElementsAre(HasSubstr("239.255.10.1:30001:SHFE: the system dropped 3 datagrams")));
-  EXPECT_THAT(watch.due({dropped(9), dropped(2)}, k_start + 5999ms), IsEmpty());
-  EXPECT_THAT(watch.due({dropped(10), dropped(2)}, k_start + 6s),
+  EXPECT_THAT(watch.due({dropped(9), dropped(2)}, k_joined + 5999ms), IsEmpty());
+  EXPECT_THAT(watch.due({dropped(10), dropped(2)}, k_joined + 6s),
               ElementsAre(HasSubstr("dropped 7 datagrams (10 in all)"),
                           HasSubstr("LUMEN@127.0.0.1: the system dropped 2 datagrams")));
-  EXPECT_THAT(watch.due({dropped(10), dropped(2)}, k_start + 60s), IsEmpty());
+  EXPECT_THAT(watch.due({dropped(10), dropped(2)}, k_joined + 60s), IsEmpty());
 }
 
 // ---- What is let through

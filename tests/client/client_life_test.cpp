@@ -190,6 +190,7 @@ TEST(client_life_race, exactly_one_farewell_and_nobody_inside) {
     const auto life = std::make_shared<client_life>();
     std::atomic<int> entered{0};
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int number = 0; number < 4; ++number) {
       threads.emplace_back([&, number] {
         for (;;) {

@@ -553,6 +553,18 @@ TEST_F(left_over_test, loss_of_an_earlier_connection_is_traced_only) {
   EXPECT_NE(0, m_client.LoginToKqs(login));
 }
 
+TEST_F(left_over_test, loss_of_an_earlier_connection_does_not_end_a_session) {
+  log_in();
+  const auto before = std::make_shared<kqc_connection>(std::make_shared<client_life>(), &m_client,
+                                                       k_earlier_serial);
+  VORLAN::SOCK::socket_param param(VORLAN::SOCK::EVENT_REMOTE_DISCONNECT, 0, nullptr, 0, 0);
+  EXPECT_EQ(0, m_client.on_connection_event(param, *before));
+  m_client.QuerySymbolList();  // work behind it, which a real loss would drop
+  EXPECT_TRUE(m_events.wait_for(callback_kind::symbol_list, 1, std::chrono::seconds{5}));
+  EXPECT_EQ(1u, m_server.connections().current);
+  EXPECT_EQ(1u, m_server.connections().ever);
+}
+
 TEST_F(left_over_test, refusal_that_is_overtaken_by_the_close_is_still_told) {
   m_server.change_behaviour([](kav_sim::behaviour& b) { b.login = kav_sim::login_answer::ignore; });
   KqsLoginParam login = login_of("trader", "abc");

@@ -4,7 +4,9 @@
 #include <thread>   // std::thread
 #include <utility>  // std::exchange
 
+#include "api/kav_multicast.h"
 #include "tests/client/session_support.h"
+#include "tests/support/signal_rain.h"
 
 namespace kav_session {
 namespace {
@@ -624,6 +626,30 @@ TEST_P(inside_test, connecting_anew_after_a_disconnection_inside_is_possible) {
   expect_quick_destruction();
 }
 
+// No callback runs under a lock: whatever a host's other threads want of the client meanwhile is
+// done before the callback returns.
+TEST_P(inside_test, other_threads_use_the_client_meanwhile) {
+  lead_up();
+  ASSERT_FALSE(HasFatalFailure());
+  std::thread other;
+  EXPECT_TRUE(do_inside([this, &other] {
+    const auto done = std::make_shared<std::atomic<bool>>(false);
+    other = std::thread([api = m_api, done] {
+      const auto type = static_cast<KavKqsIntrumentType>('1');
+      KqsLoginParam param = login_of("trader", "abc");
+      KAVMulticastStatistics statistics{};
+      api->RegisterSymbol(type, "cs1709");
+      api->UnregisterSymbol(type, "cs1709");
+      api->QuerySymbolList();
+      api->LoginToKqs(param);
+      GetKAVMulticastStatistics(api, 0, &statistics);
+      *done = true;
+    });
+    EXPECT_TRUE(wait_until([&] { return done->load(); }, milliseconds{2000 * k_slow}));
+  }));
+  other.join();
+}
+
 INSTANTIATE_TEST_SUITE_P(places, inside_test, testing::ValuesIn(k_places),
                          [](const testing::TestParamInfo<place>& one) {
                            return std::string(one.param.name);
@@ -713,6 +739,21 @@ TEST_F(long_callback_test, disconnecting_gives_up_after_10_seconds_with_a_line) 
   expect_no_threads();
   releasing.join();
   expect_silence();
+}
+
+TEST_F(long_callback_test, signals_do_not_shorten_the_wait_for_the_worker) {
+  log_in_and_block();
+  std::thread releasing([this] {
+    std::this_thread::sleep_for(milliseconds{1500});
+    release();
+  });
+  {
+    const kav_test::signal_rain rain;
+    m_api->DisConnServer();
+  }
+  EXPECT_TRUE(m_released.load());
+  EXPECT_FALSE(m_record.has(k_timeout_line));
+  releasing.join();
 }
 
 TEST_F(long_callback_test, client_destroyed_under_a_callback_that_stays_is_never_heard_of_again) {

@@ -1,8 +1,10 @@
 // What the server sends: how messages are cut from the stream and what each of them causes.
-#include <random>  // std::mt19937
+#include <algorithm>  // std::max
+#include <random>     // std::mt19937
 
 #include "feeds/sge_symbol.h"
 #include "tests/client/unit_fixture.h"
+#include "tests/support/guarded_bytes.h"
 
 namespace kav_test {
 namespace {
@@ -120,6 +122,26 @@ TEST_F(dispatch_test, messages_short_of_one_byte_wait_and_cause_nothing) {
     }
     EXPECT_EQ(0u, m_events.count());
   }
+}
+
+// Texts without a NUL in every field, cut off anywhere, with other bytes behind or with none.
+TEST_F(dispatch_test, no_byte_behind_those_received_is_read) {
+  const std::map<char, std::size_t> lengths = {{'A', 24}, {'F', 32}, {'H', 13},
+                                               {'I', 32}, {'M', 32}, {'Q', 367}};
+  std::size_t longest = 0;
+  for (const auto& [first, length] : lengths) {
+    SCOPED_TRACE(first);
+    for (std::size_t size = 1; size <= length + 40; ++size) {
+      guarded_bytes bytes(std::string(1, first) + std::string(size - 1, 'x'));
+      const bool waits = size < length && first != 'H';
+      EXPECT_EQ(waits, cut(bytes.data(), bytes.size()) == 0) << size;
+    }
+    for (const recorded_call& call : m_events.calls()) {
+      if (call.kind != callback_kind::log) longest = std::max(longest, call.text.size());
+    }
+    m_events.clear();
+  }
+  EXPECT_EQ(28u, longest) << "the longest field of a text that is told";
 }
 
 TEST_F(dispatch_test, nothing_received_is_nothing_consumed) {

@@ -2,9 +2,7 @@
 kav_add_test(multicast_reception_test
   SOURCES
     ${CMAKE_CURRENT_LIST_DIR}/multicast_reception_test.cpp
-    ${CMAKE_CURRENT_LIST_DIR}/../support/process_view.cpp
     ${CMAKE_CURRENT_LIST_DIR}/../support/system_calls.cpp
-    ${CMAKE_CURRENT_LIST_DIR}/../support/tcp_peer.cpp
   LIBRARIES kav_session_support ${CMAKE_DL_LIBS})
 
 # Alone on the machine: the system drops what nobody reads for two milliseconds.
@@ -12,7 +10,6 @@ find_package(ZLIB REQUIRED)
 kav_add_test(multicast_feed_test
   SOURCES
     ${CMAKE_CURRENT_LIST_DIR}/multicast_feed_test.cpp
-    ${CMAKE_CURRENT_LIST_DIR}/../support/tcp_peer.cpp
   LIBRARIES kav_session_support kav_feed_core ZLIB::ZLIB
   TIMEOUT 600 RUN_SERIAL)
 target_compile_definitions(multicast_feed_test PRIVATE KAV_SOURCE_DIR="${PROJECT_SOURCE_DIR}")

@@ -13,6 +13,7 @@
 #include "tests/client/session_support.h"
 #include "tests/client/tick_sample.h"
 #include "tests/support/process_view.h"
+#include "tests/support/quotes_only.h"
 
 namespace kav_session {
 namespace {
@@ -26,21 +27,14 @@ constexpr int k_market_ticks = 10'000;
 constexpr std::size_t k_most_quotes = 300'000;
 
 // Keeps every quote of one group; told by one thread.
-class quote_keeper : public KAVQuoteEvent {
+class quote_keeper : public kav_test::quotes_only {
  public:
   // All memory is there before the first quote: growing, or even a page's first touch, may hold up
   // the receiving thread for longer than the system's buffer lasts.
   quote_keeper() : m_quotes(k_most_quotes) { m_quotes.clear(); }
-  void OnServerConnected() override {}
-  void OnServerDisconnected() override {}
-  void OnLoginResult(bool, const char*) override {}
   void OnQuote(KavKqsIntrumentType, KAVMarketDepthQuoteData* quote) override {
     m_quotes.push_back(*quote);
   }
-  void OnLog(KavKqsLogLevel, const char*, int) override {}
-  void OnSymbolRegistered(KavKqsIntrumentType, const char*, bool) override {}
-  void OnSymbolUnregistered(KavKqsIntrumentType, const char*, bool) override {}
-  void OnSymbolList(KavKqsIntrumentType, const char*, bool) override {}
 
   // After reception has been stopped.
   const quote_list& quotes() const { return m_quotes; }

@@ -1,6 +1,7 @@
 // Multicast groups received beside the session, with real datagrams on loopback.
 #include <algorithm>   // std::count
 #include <array>       // std::array
+#include <csignal>     // SIGINT
 #include <functional>  // std::function
 #include <thread>      // std::thread
 
@@ -108,8 +109,21 @@ TEST_F(multicast_reception_test, all_groups_of_a_client_are_received_by_one_thre
     EXPECT_EQ("kav-multicast", call.thread_name);
     EXPECT_EQ(++last, double{call.quote.LastPrice});
   }
-  EXPECT_EQ(std::vector<std::string>{"kav-multicast"}, library_threads());
+  // The last sender's own thread may still be on its way out.
+  EXPECT_TRUE(wait_until(
+      [] { return library_threads() == std::vector<std::string>{"kav-multicast"}; }, k_patience));
   EXPECT_TRUE(m_record.texts().empty());
+}
+
+TEST_F(multicast_reception_test, its_thread_leaves_signals_to_the_host) {
+  ASSERT_EQ(KAVMulticastStarted, start({info(1, "SHFE")}));
+  const auto receiving = [] { return kav_test::threads_named("kav-multicast"); };
+  ASSERT_TRUE(wait_until([&] { return receiving().size() == 1; }, k_patience));
+  const kav_test::thread_view thread = receiving().at(0);
+  for (const int signal : {SIGINT, SIGTERM, SIGALRM, SIGCHLD, SIGPIPE}) {
+    EXPECT_TRUE(thread.blocks(signal)) << signal;
+  }
+  for (const int signal : {SIGPROF, SIGSEGV, SIGABRT}) EXPECT_FALSE(thread.blocks(signal));
 }
 
 TEST_F(multicast_reception_test, a_symbol_on_two_groups_is_merged_in_one_record) {
@@ -491,4 +505,81 @@ TEST_F(multicast_reception_test, disconnecting_inside_a_multicast_callback_ends_
 }
 
 }  // namespace
+// ---- Datagrams that come at once
+
+// In the first callback, waits until the test has sent all it wants to.
+class multicast_batch_test : public multicast_reception_test {
+ protected:
+  bool start_held(const std::function<void()>& act = {}) {
+    on_quote([this, act] {
+      m_reached = true;
+      wait_until([this] { return m_sent.load(); }, k_patience);
+      if (act) act();
+    });
+    return start({info(1, "SHFE")}) == KAVMulticastStarted;
+  }
+  // A first one, and what is to wait behind it.
+  void send(const std::vector<std::string>& behind) {
+    group_sender sender(group(1), m_port.number());
+    EXPECT_TRUE(sender.send(shfe_datagram("rb2410", 1)));
+    EXPECT_TRUE(wait_until([this] { return m_reached.load(); }, k_patience));
+    for (const std::string& bytes : behind) EXPECT_TRUE(sender.send(bytes));
+    m_sent = true;
+  }
+
+  const std::vector<std::string> k_five{5, shfe_datagram("rb2412", 1)};
+  std::atomic<bool> m_reached{false}, m_sent{false};
+};
+
+TEST_F(multicast_batch_test, empty_and_unknown_datagrams_between_do_not_hide_the_others) {
+  ASSERT_TRUE(start_held());
+  send({shfe_datagram("2", 1), "", shfe_datagram("3", 1), "", "", "no record",
+        lumen_trade("4", 1, 1), "", shfe_datagram("5", 1)});
+  ASSERT_TRUE(wait_quotes(5));
+  EXPECT_EQ((std::vector<std::string>{"rb2410", "2", "3", "4", "5"}), symbols());
+  EXPECT_TRUE(wait_until([&] { return statistics(0).m_Quotes == 5; }, k_patience));
+  EXPECT_EQ(1u, statistics(0).m_Ignored);
+}
+
+TEST_F(multicast_batch_test, a_stop_inside_the_callback_makes_it_the_last) {
+  ASSERT_TRUE(start_held([this] { StopKAVMulticast(m_api); }));
+  send(k_five);
+  EXPECT_TRUE(wait_until([] { return library_threads("kav-multicast") == 0; }, k_patience));
+  StopKAVMulticast(m_api);
+  EXPECT_EQ(1u, m_quotes.quote_count());
+}
+
+TEST_F(multicast_batch_test, destroying_the_client_inside_the_callback_makes_it_the_last) {
+  KAVQuoteApi* const api = m_api;
+  ASSERT_TRUE(start_held([api] { DestroyKAVQuoteApi(api); }));
+  m_api = nullptr;
+  send(k_five);
+  EXPECT_TRUE(wait_until([] { return library_threads("kav-multicast") == 0; }, k_patience));
+  EXPECT_TRUE(wait_until([&] { return m_quotes.running() == 0; }, k_patience));
+  EXPECT_EQ(1u, m_quotes.quote_count());
+}
+
+TEST_F(multicast_batch_test, destroying_the_client_meanwhile_makes_the_callback_the_last) {
+  ASSERT_TRUE(start_held());
+  std::thread destroyer;
+  {
+    group_sender sender(group(1), m_port.number());
+    ASSERT_TRUE(sender.send(shfe_datagram("rb2410", 1)));
+    ASSERT_TRUE(wait_until([this] { return m_reached.load(); }, k_patience));
+    for (const std::string& bytes : k_five) ASSERT_TRUE(sender.send(bytes));
+    std::atomic<bool> destroying{false};
+    destroyer = std::thread([&] {
+      destroying = true;
+      destroy();
+    });
+    ASSERT_TRUE(wait_until([&] { return destroying.load(); }, k_patience));
+    m_sent = true;
+  }
+  destroyer.join();
+  const std::size_t quotes = m_quotes.quote_count();
+  EXPECT_EQ(0, m_quotes.running());
+  std::this_thread::sleep_for(2ms);
+  EXPECT_EQ(quotes, m_quotes.quote_count());
+}
+
 }  // namespace kav_session

@@ -1,6 +1,9 @@
 // Losses: which the worker mends, which it gives up on, which the caller hears of.
 #include <thread>  // std::this_thread::sleep_for
 
+#include "apps/sim/wire.h"
+#include "client/ckqc_tcp.h"
+#include "client/kqc_connection.h"
 #include "tests/client/session_support.h"
 
 namespace kav_session {
@@ -156,6 +159,25 @@ TEST_F(reconnect_test, loss_right_after_the_relogin_is_not_forgotten) {
   expect_silent_return();
 }
 
+// The worker is about to drop what is queued, the loss of its new connection included, and nothing
+// that it wants to send would tell it of that loss.
+TEST_F(reconnect_test, loss_that_is_queued_before_the_queue_is_emptied_is_not_forgotten) {
+  log_in();
+  std::atomic<bool> relogin{true};
+  m_record.set_hook([&](const call& c) {
+    if (c.what.rfind("OnLog(0, Ckqc_tcp::_th_try", 0) != 0 || !relogin.exchange(false)) return;
+    m_server->drop_all();
+    EXPECT_TRUE(m_record.wait_text(k_lost_line, 2));
+    std::this_thread::sleep_for(milliseconds{50});  // it is queued right after its line
+  });
+  m_server->drop_all();
+  ASSERT_TRUE(wait_session(2));
+  EXPECT_FALSE(relogin);
+  register_symbol("IF2509");
+  expect_quotes_flow();
+  expect_silent_return();
+}
+
 TEST_F(reconnect_test, loss_right_after_the_login_answer_is_mended_by_the_next_try) {
   log_in_with_two_symbols();
   m_how.loss = kav_sim::loss_kind::reset;
@@ -283,6 +305,84 @@ TEST_F(reconnect_test, disconnection_is_told_after_the_connection_even_when_that
   ASSERT_TRUE(m_record.wait_text("OnServerDisconnected()"));
   EXPECT_GE(m_record.nth("OnServerDisconnected()").at - m_record.nth("OnServerConnected()").at,
             milliseconds{200});
+}
+
+// The thread in ConnServer() may have to wait for its next turn for any time between the connection
+// and its taking note of it.
+TEST_F(reconnect_test, loss_is_not_handled_before_the_client_has_taken_note_of_the_connection) {
+  start_server();
+  m_server->go_down();
+  Ckqc_tcp client;
+  KqsTcpInfo info = endpoint_of(m_server->port());
+  ASSERT_FALSE(client.ConnServer(info, &m_record));  // the record is known now
+  ASSERT_TRUE(m_server->come_back());
+  const auto life = std::make_shared<client_life>();
+  const auto connection = std::make_shared<kqc_connection>(life, &client, 1);
+  ASSERT_TRUE(connection->open(info.m_ServerIp, info.m_ServerPort));
+  ASSERT_TRUE(wait_until([this] { return m_server->connections().current == 1; }, k_patience));
+  m_server->drop_all();
+  ASSERT_TRUE(wait_until([&] { return connection->is_lost(); }, k_patience));
+  std::this_thread::sleep_for(milliseconds{1500});  // longer than an announcement is waited for
+  EXPECT_FALSE(m_record.has("OnLog(0, [on_cache_callback] EVENT_REMOTE_DISCONNECT"));
+  connection->set_phase(kqc_connection::k_announced);
+  EXPECT_TRUE(m_record.wait_text("OnLog(0, [on_cache_callback] EVENT_REMOTE_DISCONNECT"));
+  connection->tcp().sock_close();
+}
+
+// A connection that is destroyed without having been closed stays open; nothing is said here about
+// what is left.
+TEST(lost_connection_test, connection_that_nobody_has_taken_note_of_can_go) {
+  kav_sim::quote_server server{{}};
+  ASSERT_TRUE(server.start());
+  Ckqc_tcp client;
+  auto connection = std::make_shared<kqc_connection>(std::make_shared<client_life>(), &client, 1);
+  ASSERT_TRUE(connection->open("127.0.0.1", server.port()));
+  ASSERT_TRUE(wait_until([&] { return server.connections().current == 1; }, k_patience));
+  server.drop_all();
+  ASSERT_TRUE(wait_until([&] { return connection->is_lost(); }, k_patience));
+  const clock::time_point start = clock::now();
+  connection.reset();
+  EXPECT_LE(since(start), k_stop_limit);
+  EXPECT_TRUE(wait_until([] { return library_threads().empty(); }, k_patience));
+}
+
+// The answer to a registration that is still on its way to the caller when the connection is lost
+// says nothing about the next connection.
+TEST_F(reconnect_test, answer_read_after_the_loss_does_not_count_for_the_next_connection) {
+  log_in();
+  register_symbol("IF2509");
+  std::atomic<bool> blocked{false};
+  m_record.set_hook([&](const call& c) {
+    if (c.what != "OnQuote(49)" || blocked.exchange(true)) return;
+    m_record.wait_text(k_lost_line);
+    std::this_thread::sleep_for(milliseconds{1500});  // the worker has taken note of the loss
+  });
+  m_server->send_raw(
+      kav_sim::quote_message('1', quote_of("IF2509", 1), kav_sim::text_fill::zero) +
+      kav_sim::symbol_answer_message('I', '0', '1', "IF2509", kav_sim::text_fill::zero));
+  ASSERT_TRUE(wait_until([&] { return blocked.load(); }, k_patience));
+  m_server->drop_all();
+  ASSERT_TRUE(m_record.wait_text("OnSymbolRegistered(49, IF2509, true)", 2));
+  if (m_server->connections().ever != 1) {
+    GTEST_SKIP() << "the machine was away for half a second: the answer has been thrown away";
+  }
+  ASSERT_TRUE(wait_session(1));
+  EXPECT_TRUE(wait_registered(1, {"IF2509"}));
+}
+
+TEST_F(reconnect_test, answer_on_a_connection_whose_relogin_fails_does_not_count_for_the_next) {
+  log_in();
+  register_symbol("IF2509");
+  m_how.login = kav_sim::login_answer::ignore;
+  m_server->set_behaviour(m_how);
+  m_server->drop_all();
+  ASSERT_TRUE(wait_until([this] { return m_server->received_count(1, 'L') == 1; }, k_patience));
+  m_server->send_raw(
+      kav_sim::symbol_answer_message('I', '0', '1', "IF2509", kav_sim::text_fill::zero));
+  ASSERT_TRUE(m_record.wait_text("OnSymbolRegistered(49, IF2509, true)", 2));
+  m_server->set_behaviour({});
+  ASSERT_TRUE(wait_session(2));
+  EXPECT_TRUE(wait_registered(2, {"IF2509"}));
 }
 
 TEST_F(reconnect_test, refused_connection_is_logged_and_returns_false) {

@@ -81,8 +81,10 @@ TEST_F(offline_registration_test, unknown_symbol_is_dropped_without_a_word) {
 TEST_F(offline_registration_test, null_symbol_is_ignored) {
   list("");
   EXPECT_EQ(0, m_client.RegisterSymbol(k_future, nullptr));
+  EXPECT_EQ(k_nothing_to_do, m_client._th_check_and_register_symbol()) << "no wish for \"\"";
+  m_client.RegisterSymbol(k_future, "");
   EXPECT_EQ(0, m_client.UnregisterSymbol(k_future, nullptr));
-  EXPECT_EQ(k_nothing_to_do, m_client._th_check_and_register_symbol());
+  EXPECT_EQ(k_send_failed, m_client._th_check_and_register_symbol()) << "the wish is still there";
 }
 
 TEST_F(offline_registration_test, registering_before_the_first_list_is_forgotten) {
@@ -109,6 +111,20 @@ TEST_F(offline_registration_test, wish_for_a_confirmed_symbol_needs_no_request) 
 TEST_F(offline_registration_test, confirmed_symbol_outside_the_list_is_never_unregistered) {
   hear(answer('I', '0', "IF2509"));
   EXPECT_EQ(k_nothing_to_do, m_client._th_check_and_register_symbol());
+}
+
+// A server that confirms what nobody asked for, without end, is not followed for ever.
+TEST_F(offline_registration_test, confirmations_beyond_262144_are_not_kept) {
+  constexpr unsigned k_most = 262'144;
+  for (unsigned i = 0; i < k_most + 10; ++i) {
+    ASSERT_EQ(32u, hear(answer('I', '0', std::to_string(i))));
+    if (i % 4096 == 0) m_events.clear();
+  }
+  list("0");
+  m_events.clear();
+  m_client._th_check_and_register_symbol();
+  EXPECT_TRUE(m_events.has_log(
+      LogLevelDebug, "[QuoteClient] valid:1,registed:" + std::to_string(k_most) + ", need:0"));
 }
 
 TEST_F(offline_registration_test, reset_forgets_wishes_and_confirmations) {

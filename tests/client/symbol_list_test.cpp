@@ -1,4 +1,8 @@
 // The server's list of symbols: received, kept, replayed.
+#include <algorithm>  // std::any_of
+#include <atomic>     // std::atomic
+#include <thread>     // std::thread
+
 #include "tests/client/unit_fixture.h"
 
 namespace kav_test {
@@ -23,17 +27,14 @@ class symbol_list_test : public connected_client_test {
   void SetUp() override {
     connected_client_test::SetUp();
     log_in();
+    ASSERT_TRUE(m_events.wait_for_log("[QuoteClient] nothing to reg or unreg"));  // once a client
     m_events.clear();
   }
 
   std::vector<recorded_call> replay() {
     m_events.clear();
     EXPECT_EQ(0, m_client.QuerySymbolList());
-    const auto ended = [this] {
-      const std::vector<recorded_call> calls = m_events.of(callback_kind::symbol_list);
-      return !calls.empty() && calls.back().last;
-    };
-    EXPECT_TRUE(wait_until(ended, k_patience));
+    EXPECT_TRUE(wait_until([this] { return m_events.is_list_complete(); }, k_patience));
     return m_events.of(callback_kind::symbol_list);
   }
 
@@ -129,6 +130,41 @@ TEST_F(symbol_list_test, text_of_129_characters_is_ignored_and_consumed) {
   EXPECT_EQ(32u, hear(running_on(129)));
   EXPECT_EQ(32u, hear(running_on(5000)));
   EXPECT_EQ(std::vector<std::string>{}, replayed_names());
+}
+
+TEST_F(symbol_list_test, replay_tells_the_list_as_it_was_when_it_began) {
+  list("IF2509");
+  list("cs1709");
+  std::atomic<bool> begun{false}, listed{false};
+  std::thread server;  // as the receive thread would
+  m_events.on(callback_kind::symbol_list, [&](const recorded_call&) {
+    if (begun.exchange(true)) return;
+    server = std::thread([&] {
+      for (int i = 0; i < 1000; ++i) list("new" + std::to_string(i));
+      listed = true;
+    });
+    EXPECT_TRUE(wait_until([&] { return listed.load(); }, k_patience)) << "kept waiting";
+  });
+  EXPECT_EQ(2u, replayed_names().size());
+  server.join();
+  EXPECT_EQ(1002u, replayed_names().size());
+}
+
+// A server that lists symbols without end is not followed for ever; those known live on.
+TEST_F(symbol_list_test, symbols_beyond_262144_are_dropped_with_a_line) {
+  constexpr unsigned k_most = 262'144;
+  for (unsigned i = 0; i < k_most; ++i) list("s" + std::to_string(i));
+  EXPECT_EQ(0u, m_events.count(callback_kind::log));
+  list("one too many");
+  EXPECT_TRUE(m_events.has_log(LogLevelError,
+                               "[QuoteClient] symbol list full, symbol:one too many dropped."));
+  list("s7", '\x09');
+  EXPECT_EQ(1u, m_events.count(callback_kind::log));
+  const std::vector<recorded_call> calls = replay();
+  EXPECT_EQ(k_most + 1, calls.size());
+  EXPECT_TRUE(std::any_of(calls.begin(), calls.end(), [](const recorded_call& call) {
+    return call.text == "s7" && call.type == 9;
+  }));
 }
 
 TEST_F(symbol_list_test, table_outlives_the_session) {

@@ -74,7 +74,7 @@ inline std::string sample_path() {
 
 inline quote_list load_sample() {
   quote_list quotes;
-  const gzFile file = ::gzopen(sample_path().c_str(), "rb");
+  gzFile file = ::gzopen(sample_path().c_str(), "rb");
   if (file == nullptr) return quotes;
   char line[2048];
   bool header = true;

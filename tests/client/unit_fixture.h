@@ -96,7 +96,7 @@ class unconnected_client_test : public testing::Test {
   }
 
   // One data event; how many bytes were reported as processed.
-  unsigned cut(char* data, unsigned size) {
+  unsigned cut(const char* data, unsigned size) {
     const char* address = data;
     VORLAN::SOCK::socket_param param(VORLAN::SOCK::EVENT_RECEIVE, 0, &address, size, 0);
     EXPECT_EQ(0, Ckqc_tcp::cache_callback(param, &m_client));
@@ -143,6 +143,8 @@ class connected_client_test : public testing::Test {
     ASSERT_NE(0, m_client.LoginToKqs(login));
     ASSERT_TRUE(m_events.wait_for(callback_kind::login_result));
     ASSERT_TRUE(m_events.of(callback_kind::login_result).front().success);
+    // Written behind the callback.
+    ASSERT_TRUE(wait_until([this] { return m_events.has_log_with("login success"); }, k_patience));
   }
 
   void list(const std::string& symbol, char type = '1') {

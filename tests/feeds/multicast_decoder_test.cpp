@@ -9,6 +9,7 @@
 
 #include "feeds/feed_convert.h"
 #include "tests/feeds/feed_bytes.h"
+#include "tests/support/guarded_bytes.h"
 
 namespace {
 
@@ -278,6 +279,22 @@ TEST_F(multicast_decoder_test, each_quote_goes_to_one_of_two_event_objects_that_
   done.store(true);
   setter.join();
   EXPECT_EQ(k_datagrams, delivered() + other.deliveries.size());
+}
+
+TEST_F(multicast_decoder_test, no_byte_behind_a_datagram_is_read) {
+  dice random(20250911);
+  std::size_t decoded = 0;
+  for (int exchange = 100; exchange <= 108; ++exchange) {
+    for (std::size_t length = 0; length <= 400; ++length) {
+      bytes content = random.random_bytes(length);
+      for (unsigned char& byte : content) byte |= 0x20;  // no NUL but that of a lumen symbol
+      if (length > 41) content[41] = 0;
+      kav_test::guarded_bytes datagram(std::string(content.begin(), content.end()));
+      const multicast_record kind = m_decoder.decode(datagram.data(), datagram.size(), exchange);
+      decoded += kind != multicast_record::ignored ? 1 : 0;
+    }
+  }
+  EXPECT_EQ(9u * 2 + 5, decoded) << "a lumen record or two for each, and the exchanges' own";
 }
 
 TEST_F(multicast_decoder_test, no_data_is_ignored) {

@@ -29,7 +29,9 @@ expect_status() { [[ $status == "$1" ]] || fail "status $status instead of $1: $
 expect_one_line() { [[ -n $1 && $1 != *$'\n'* ]] || fail "not one line: '$1'"; }
 expect_text() { [[ $1 == *"$2"* ]] || fail "'$2' is not in: $1"; }
 
-commands_of_script() { sed -nE 's/^cmd_([a-z]+)\(\).*/\1/p' "$kav" | sort; }
+commands_of_script() {
+  sed -nE 's/^cmd_([a-z]+)\(\).*/\1/p' "$kav" "${kav%/*}"/scripts/kav_*.sh | sort
+}
 commands_of_help() {
   "$kav" help | sed -n '/^Commands:/,/^$/p' | sed -nE 's/^  ([a-z]+)( .*)?$/\1/p' | sort
 }
@@ -54,8 +56,11 @@ wrong_arguments_exit_2_with_one_line() {
   local line arguments
   for line in "demo --seconds" "demo --seconds 0" "demo --seconds two" "demo --seconds=" \
     "demo --nonsense" "demo /nowhere/ticks.csv" "demo $kav $kav" "build nonsense" \
-    "build dev asan" "sanitize nonsense" "format nonsense" "tidy nonsense" "scripts nonsense" \
-    "setup nonsense" "clean nonsense"; do
+    "build dev asan" "bench nonsense" "bench --quick --write-docs" "sanitize nonsense" \
+    "format nonsense" "tidy nonsense" "tidy --minutes" "tidy --minutes 0" "scripts nonsense" \
+    "lint nonsense" "coverage nonsense" "abi nonsense" "packages nonsense" "setup nonsense" "clean nonsense" "fuzz nonsense" "fuzz all 0" "fuzz 5 5" \
+    "fuzz all 5 5" "chaos nonsense" "chaos --lives" "chaos --seed x" "chaos --preset x" \
+    "faults nonsense" "soak nonsense" "soak 0" "soak 1 1"; do
     read -ra arguments <<<"$line"
     run "$kav" "${arguments[@]}"
     [[ $status == 2 ]] || fail "kav $line: status $status"
@@ -80,17 +85,30 @@ the_script_works_from_any_folder_and_through_a_link() {
 make_bare_machine() {
   mkdir -- "$folder/bin"
   ln -s -f -t "$folder/bin" -- /bin/* /usr/bin/*
-  rm -f -- "$folder"/bin/{ninja,clang++,clang-format,clang-tidy,shellcheck,git,cmake,g++,tcpdump,apt-get,sudo}
+  rm -f -- "$folder"/bin/{ninja,clang++,clang-format,clang-tidy,shellcheck,git,cmake,g++,tcpdump,gnuplot,python3,cppcheck,gcovr,abidiff,readelf,pkg-config,dpkg-shlibdeps,file,lintian,debootstrap,apt-get,sudo}
   make_command g++
   make_command cmake
   make_command git
   make_command tcpdump
+  make_command gnuplot
+  make_command python3
+  make_command cppcheck
+  make_command gcovr
+  make_command abidiff
+  make_command readelf
+  make_command pkg-config
+  make_command dpkg-shlibdeps
+  make_command file
+  make_command lintian
+  make_command debootstrap
   # Without root the script asks for sudo.
   # shellcheck disable=SC2016
   make_command sudo '[[ $1 != -n ]] || shift; exec "$@"'
 }
 
+# What is there may be a link to the machine's own command, which must not be written through.
 make_command() {  # NAME [BODY]
+  rm -f -- "$folder/bin/$1"
   printf '#!/bin/bash\n%s\n' "${2:-cat >/dev/null}" >"$folder/bin/$1"
   chmod +x "$folder/bin/$1"
 }

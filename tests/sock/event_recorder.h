@@ -1,6 +1,7 @@
 // Records what a socket class reports, and lets a test act inside the callback.
 #pragma once
 
+#include <algorithm>   // std::count_if
 #include <atomic>      // std::atomic
 #include <chrono>      // std::chrono::milliseconds
 #include <functional>  // std::function
@@ -47,6 +48,11 @@ class event_recorder {
 
   void set_hook(hook act) { m_hook = std::move(act); }
 
+  void clear() {
+    const std::lock_guard<std::mutex> guard(m_lock);
+    m_events.clear();
+  }
+
   std::vector<seen_event> events() const {
     const std::lock_guard<std::mutex> guard(m_lock);
     return m_events;
@@ -64,7 +70,13 @@ class event_recorder {
     return result;
   }
 
-  std::size_t count(VORLAN::SOCK::SOCKET_EVENT type) const { return events(type).size(); }
+  // Copies nothing: a look each millisecond at megabytes must not keep the callbacks waiting.
+  std::size_t count(VORLAN::SOCK::SOCKET_EVENT type) const {
+    const std::lock_guard<std::mutex> guard(m_lock);
+    return static_cast<std::size_t>(
+        std::count_if(m_events.begin(), m_events.end(),
+                      [type](const seen_event& event) { return event.type == type; }));
+  }
 
   bool wait_count(VORLAN::SOCK::SOCKET_EVENT type, std::size_t least) const {
     return wait_until([&] { return count(type) >= least; }, k_soon);
@@ -74,6 +86,15 @@ class event_recorder {
   std::string received() const {
     std::string bytes;
     for (const seen_event& event : events(VORLAN::SOCK::EVENT_RECEIVE)) bytes += event.data;
+    return bytes;
+  }
+  // How much that is; without a copy.
+  std::size_t received_bytes() const {
+    const std::lock_guard<std::mutex> guard(m_lock);
+    std::size_t bytes = 0;
+    for (const seen_event& event : m_events) {
+      if (event.type == VORLAN::SOCK::EVENT_RECEIVE) bytes += event.data.size();
+    }
     return bytes;
   }
 

@@ -2,17 +2,15 @@
 
 #include <arpa/inet.h>  // inet_pton
 #include <gtest/gtest.h>
-#include <sched.h>         // unshare
 #include <sys/resource.h>  // setrlimit
 #include <unistd.h>        // dup
 
-#include <cerrno>      // errno
-#include <cstdlib>     // std::system
-#include <cstring>     // memcmp, strerror
+#include <cstring>     // memcmp
 #include <functional>  // std::function
 #include <string>
-#include <thread>  // std::thread
 #include <vector>
+
+#include "tests/support/two_networks.h"
 
 namespace {
 
@@ -27,22 +25,13 @@ using texts = std::vector<std::string>;
 // Calls body() on a thread with an empty network of its own, to which `commands` ("link set lo up")
 // have been applied by the ip program. Returns why that is not possible here, or "".
 std::string in_own_network(const texts& commands, const std::function<void()>& body) {
-  std::string obstacle;
-  std::thread thread([&] {
-    if (::unshare(CLONE_NEWNET) != 0) {
-      obstacle = std::string("no network namespace: ") + std::strerror(errno);
-      return;
-    }
-    for (const std::string& command : commands) {
-      // The child inherits this thread's network.
-      if (std::system(("ip " + command + " 2>/dev/null").c_str()) == 0) continue;
-      obstacle = "refused: ip " + command;
-      return;
-    }
-    body();
-  });
-  thread.join();
-  return obstacle;
+  kav_test::network_thread network;
+  if (!network.obstacle().empty()) return network.obstacle();
+  for (const std::string& command : commands) {
+    if (!network.ip(command)) return "refused: ip " + command;
+  }
+  network.run(body);
+  return "";
 }
 
 // Runs the rest of a test, a function body, in such a network; skips the test where there is none.

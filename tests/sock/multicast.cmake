@@ -2,7 +2,5 @@
 kav_add_test(kav_test_multicast
   SOURCES
     ${CMAKE_CURRENT_LIST_DIR}/socket_multicast_test.cpp
-    ${CMAKE_CURRENT_LIST_DIR}/../support/process_view.cpp
     ${CMAKE_CURRENT_LIST_DIR}/../support/system_calls.cpp
-    ${CMAKE_CURRENT_LIST_DIR}/../support/tcp_peer.cpp
-  LIBRARIES ${CMAKE_DL_LIBS})
+  LIBRARIES kav_test_system ${CMAKE_DL_LIBS})

@@ -24,6 +24,7 @@ using namespace VORLAN::SOCK;
 using namespace std::chrono_literals;
 using kav_test::event_recorder;
 using kav_test::gate;
+using kav_test::k_host;
 using kav_test::k_soon;
 using kav_test::recorded_log;
 using kav_test::tcp_connection;
@@ -35,7 +36,6 @@ using kav_test::wait_library_threads;
 using event_list = std::vector<SOCKET_EVENT>;
 using line_list = std::vector<std::string>;
 
-constexpr const char* k_host = "127.0.0.1";
 constexpr unsigned k_stream_bytes = 8192;
 
 void consume_all(socket_param& param) { param.set_proc_len(param.get_buff_size()); }
@@ -164,7 +164,6 @@ TEST_F(socket_cache_client_test, without_threads_to_be_had_it_can_still_be_close
   }
   EXPECT_LT(time_of([&] { m_client->sock_close(); }), 1s);
   EXPECT_TRUE(wait_library_threads({}));
-  ASSERT_TRUE(m_peer.accept().is_open());
   EXPECT_TRUE(connect(true));
 }
 
@@ -379,7 +378,7 @@ TEST_F(socket_cache_client_test, a_slow_callback_does_not_keep_the_socket_from_b
   const std::string much(8'000'000, 'm');  // more than the system's buffers hold
   EXPECT_TRUE(m_connection.write(much));
   receiving.open();
-  EXPECT_TRUE(wait_until([&] { return m_events.received().size() == much.size() + 1; }, k_soon));
+  EXPECT_TRUE(wait_until([&] { return m_events.received_bytes() == much.size() + 1; }, k_soon));
   m_client->sock_close();  // before what the hook uses goes
 }
 
@@ -612,6 +611,19 @@ TEST_F(socket_cache_client_test, clear_data_inside_the_send_event_forgets_the_re
   m_client->sock_send("three", 5);
   EXPECT_EQ("onethree", m_connection.read_exactly(8));
   m_client->sock_close();  // before what the hook uses goes
+}
+
+TEST_F(socket_cache_client_test, clear_data_forgets_the_rest_of_what_is_being_sent) {
+  constexpr std::size_t k_bytes = 32'000'000;  // more than the system takes without a reader
+  connect_and_accept(true);
+  const std::string bytes(k_bytes, 'r');
+  m_client->sock_send(bytes.data(), int{k_bytes});
+  ASSERT_TRUE(m_events.wait_count(EVENT_SEND, 1));  // a part of it has gone
+  m_client->clear_data();
+  m_client->sock_send("end", 3);
+  const std::string received = m_connection.read_until_quiet(1s);
+  EXPECT_LT(received.size(), k_bytes);
+  EXPECT_EQ("rend", received.substr(received.size() - 4));
 }
 
 TEST_F(socket_cache_client_test, clear_data_may_run_on_any_thread_at_any_time) {
@@ -964,11 +976,41 @@ TEST_F(socket_cache_client_test, a_new_sock_init_does_not_wait_for_a_reconnectio
   EXPECT_TRUE(m_client->is_connected());
 }
 
-TEST(socket_cache_client_wait, an_interval_too_long_to_count_is_held) {
-  socket_cache_client client(16);
-  EXPECT_TRUE(client.set_auto_reconn_falg(true, std::numeric_limits<int>::max()));
-  EXPECT_TRUE(client.set_auto_reconn_falg(true, std::numeric_limits<int>::min()));
-  EXPECT_TRUE(client.set_auto_reconn_falg(false, -1));
+class cache_interval_test : public socket_cache_client_test {
+ protected:
+  // A connection that the peer closes at once, again and again.
+  void begin_losing(int seconds) {
+    m_peer = tcp_peer();  // nobody waits there from the time before
+    m_client->set_auto_reconn_falg(true, seconds);
+    ASSERT_TRUE(connect(false));
+    m_peer.accept().close_with_fin();
+  }
+  // The reconnect thread's next attempt, which is lost as well.
+  bool lose_again(std::chrono::milliseconds limit) {
+    if (!m_peer.has_waiting(limit)) return false;
+    m_peer.accept().close_with_fin();
+    return true;
+  }
+};
+
+TEST_F(cache_interval_test, one_too_long_to_count_does_not_become_a_short_one) {
+  for (const int seconds : {2148, 4295, std::numeric_limits<int>::max()}) {
+    begin_losing(seconds);
+    lose_again(1000ms);  // its very first look may have come after the loss
+    EXPECT_FALSE(lose_again(1000ms)) << seconds;
+    m_client->sock_close();
+  }
+}
+
+TEST_F(cache_interval_test, none_or_a_negative_one_is_a_second) {
+  for (const int seconds : {0, -1, std::numeric_limits<int>::min()}) {
+    begin_losing(seconds);
+    ASSERT_TRUE(lose_again(k_soon)) << seconds;
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(lose_again(k_soon)) << seconds;
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 700ms) << seconds;
+    m_client->sock_close();
+  }
 }
 
 // ---- Steps of the threads, called directly

@@ -21,8 +21,10 @@
 #include <random>     // std::mt19937
 #include <thread>     // std::thread
 
+#include "sock/local_address.h"
 #include "tests/sock/event_recorder.h"
 #include "tests/support/process_view.h"
+#include "tests/support/signal_rain.h"
 #include "tests/support/system_calls.h"
 #include "tests/support/tcp_peer.h"
 
@@ -33,6 +35,7 @@ using namespace std::chrono_literals;
 using kav_test::event_recorder;
 using kav_test::gate;
 using kav_test::is_open_descriptor;
+using kav_test::k_host;
 using kav_test::k_soon;
 using kav_test::owned_fd;
 using kav_test::recorded_log;
@@ -45,7 +48,6 @@ using kav_test::wait_library_threads;
 using event_list = std::vector<SOCKET_EVENT>;
 using line_list = std::vector<std::string>;
 
-constexpr const char* k_host = "127.0.0.1";
 constexpr const char* k_close_line = "event_client_error, will close this socket\n";
 
 class socket_client_test : public testing::Test {
@@ -219,6 +221,25 @@ TEST_F(socket_client_test, the_second_form_connects_from_the_given_address_and_p
   EXPECT_EQ(0, std::memcmp(ip, &from.sin_addr, sizeof(ip)));
 }
 
+TEST_F(socket_client_test, get_local_mac_is_that_of_the_card_with_the_local_address) {
+  unsigned char mac[6] = {};
+  EXPECT_FALSE(m_client->get_local_mac(mac)) << "not connected";
+  ASSERT_TRUE(connect());
+  EXPECT_FALSE(m_client->get_local_mac(nullptr));
+  unsigned char ip[4] = {};
+  ASSERT_TRUE(m_client->get_local_ip(ip));
+  std::vector<VORLAN::SOCK::ip_and_mac> cards(VORLAN::SOCK::k_ip_and_mac_entries);
+  const int count = VORLAN::SOCK::load_ip_and_mac(cards.data(), VORLAN::SOCK::k_ip_and_mac_entries);
+  cards.resize(static_cast<std::size_t>(count));
+  const auto card = std::find_if(cards.begin(), cards.end(), [&](const auto& entry) {
+    return std::memcmp(entry.ip, ip, sizeof(ip)) == 0;
+  });
+  ASSERT_EQ(card != cards.end(), m_client->get_local_mac(mac));
+  if (card != cards.end()) {
+    EXPECT_EQ(0, std::memcmp(card->mac, mac, sizeof(mac)));
+  }
+}
+
 TEST_F(socket_client_test, a_bind_failure_is_logged_in_one_line) {
   owned_fd taken(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const std::string local_ip = own_local_ip();
@@ -317,7 +338,7 @@ TEST_F(socket_client_test, without_an_event_thread_sock_init_returns_false) {
 TEST_F(socket_client_test, received_bytes_are_reported_with_the_socket) {
   connect_and_accept();
   m_connection.write("hello");
-  ASSERT_TRUE(wait_until([&] { return m_events.received().size() == 5; }, k_soon));
+  ASSERT_TRUE(wait_until([&] { return m_events.received_bytes() == 5; }, k_soon));
   const auto seen = m_events.events(EVENT_RECEIVE).at(0);
   EXPECT_EQ("hello", m_events.received());
   EXPECT_EQ(0, seen.id);
@@ -342,7 +363,7 @@ TEST_F(socket_client_test, one_report_carries_8192_bytes_at_most) {
       },
       k_soon));
   connecting.open();
-  ASSERT_TRUE(wait_until([&] { return m_events.received().size() == sent.size(); }, k_soon));
+  ASSERT_TRUE(wait_until([&] { return m_events.received_bytes() == sent.size(); }, k_soon));
   const auto seen = m_events.events(EVENT_RECEIVE);
   ASSERT_EQ(3u, seen.size());
   EXPECT_EQ(8192u, seen[0].data.size());
@@ -375,7 +396,7 @@ TEST_F(socket_client_test, a_stream_in_random_pieces_arrives_intact) {
     ASSERT_TRUE(m_connection.write(sent.substr(at, piece)));
     at += piece;
   }
-  ASSERT_TRUE(wait_until([&] { return m_events.received().size() >= sent.size(); }, k_soon));
+  ASSERT_TRUE(wait_until([&] { return m_events.received_bytes() >= sent.size(); }, k_soon));
   EXPECT_TRUE(sent == m_events.received());
 }
 
@@ -818,6 +839,30 @@ TEST_F(socket_client_test, sock_close_waits_also_for_a_thread_whose_callback_con
   m_client->sock_close();
   EXPECT_TRUE(left.load());
   m_client.reset();
+  opener.join();
+  EXPECT_TRUE(wait_library_threads({}));
+}
+
+TEST_F(socket_client_test, signals_do_not_shorten_the_wait_for_a_callback) {
+  gate inside;
+  std::atomic<bool> left{false};
+  m_events.set_hook([&](socket_param& param) {
+    if (param.get_event_type() != EVENT_REMOTE_DISCONNECT) return;
+    inside.pass();
+    left.store(true);
+  });
+  connect_and_accept();
+  m_connection.close_with_fin();
+  ASSERT_TRUE(inside.wait_reached());
+  std::thread opener([&] {
+    std::this_thread::sleep_for(2s);
+    inside.open();
+  });
+  {
+    const kav_test::signal_rain rain;
+    m_client->sock_close();
+  }
+  EXPECT_TRUE(left.load());
   opener.join();
   EXPECT_TRUE(wait_library_threads({}));
 }

@@ -8,7 +8,7 @@
 #include <sys/socket.h>   // socket
 #include <unistd.h>       // dup2
 
-#include <algorithm>   // std::all_of
+#include <algorithm>   // std::all_of, std::find
 #include <cerrno>      // errno
 #include <csignal>     // sigaction
 #include <cstring>     // strerror
@@ -619,6 +619,254 @@ TEST_F(socket_multicast_test, sending_and_disconnecting_from_many_threads_meet_n
   // Each unit ended once, whoever ended it.
   EXPECT_EQ(std::size_t{k_units},
             m_events.count(EVENT_LOCALE_DISCONNECT) + m_events.count(EVENT_REMOTE_DISCONNECT));
+}
+
+// ---- Datagrams that come at once: they are received with one system call and wait in the object.
+
+// The callback of the first datagram is held until the test has sent the others.
+class socket_multicast_batch_test : public socket_multicast_test {
+ protected:
+  // `act` is called behind the gate, for every datagram.
+  bool open_held(const event_recorder::hook& act = {}) {
+    m_events.set_hook([this, act](socket_param& param) {
+      if (param.get_event_type() != EVENT_RECEIVE) return;
+      m_held.pass();
+      if (act) act(param);
+    });
+    return open_both();
+  }
+  bool send_first(int id) { return send("first", id) && m_held.wait_reached(); }
+  bool send_to_host(const std::string& bytes) {
+    const sockaddr_in to = endpoint(k_local, m_port.number());
+    return ::sendto(m_stranger.get(), bytes.data(), bytes.size(), 0,
+                    reinterpret_cast<const sockaddr*>(&to),
+                    sizeof(to)) == static_cast<ssize_t>(bytes.size());
+  }
+  std::vector<std::string> received() const {
+    std::vector<std::string> texts;
+    for (const kav_test::seen_event& event : m_events.events(EVENT_RECEIVE)) {
+      texts.push_back(event.data);
+    }
+    return texts;
+  }
+  // Which event of all has that text; past the end for none.
+  std::size_t place_of(const std::string& text) const {
+    const std::vector<std::string> texts = received();
+    return static_cast<std::size_t>(std::find(texts.begin(), texts.end(), text) - texts.begin());
+  }
+
+  const owned_fd m_stranger{::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+  gate m_held;
+};
+
+TEST_F(socket_multicast_batch_test, many_datagrams_come_in_order_with_zeros_behind_each) {
+  constexpr int k_datagrams = 60;
+  std::atomic<int> dirty{0};
+  const int id = add(1, "alias");
+  ASSERT_TRUE(open_held([&](socket_param& param) {
+    const char* const end = param.get_buff_addr() + param.get_buff_size();
+    if (!std::all_of(end, end + 2'000, [](char byte) { return byte == 0; })) ++dirty;
+  }));
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_TRUE(send("first", id));
+    ASSERT_TRUE(m_held.wait_reached());
+    for (int i = 0; i < k_datagrams; ++i) {
+      ASSERT_TRUE(send(std::string(static_cast<std::size_t>(1 + (i * 37 + round) % 1'200),
+                                   static_cast<char>('!' + i)),
+                       id));
+    }
+    m_held.open();
+    ASSERT_TRUE(wait_received(static_cast<std::size_t>((round + 1) * (k_datagrams + 1))));
+  }
+  EXPECT_EQ(0, dirty);
+  const std::vector<kav_test::seen_event> events = m_events.events();
+  for (std::size_t i = 0; i < events.size(); ++i) {
+    const std::size_t place = i % (k_datagrams + 1);
+    const char expected = place == 0 ? 'f' : static_cast<char>('!' + place - 1);
+    EXPECT_EQ(expected, events[i].data.at(0)) << i;
+    EXPECT_EQ("alias", events[i].alias);
+    EXPECT_EQ(id, events[i].id);
+  }
+}
+
+TEST_F(socket_multicast_batch_test,
+       a_stop_between_two_datagrams_keeps_the_rest_for_the_next_start) {
+  const int id = add(1);
+  std::atomic<bool> stops{true};
+  ASSERT_TRUE(open_held([&](socket_param& param) {
+    const bool third = std::string(param.get_buff_addr(), param.get_buff_size()) == "3";
+    if (third && stops.exchange(false)) m_receiver->stop_server_event_thread();
+  }));
+  ASSERT_TRUE(send_first(id));
+  for (int i = 2; i <= 6; ++i) ASSERT_TRUE(send(std::to_string(i), id));
+  m_held.open();
+  ASSERT_TRUE(wait_library_threads({"kav-multicast"}));  // the sender's
+  EXPECT_EQ((line_list{"first", "2", "3"}), received());
+  ASSERT_TRUE(send("7", id));
+  ASSERT_TRUE(m_receiver->start_server_event_thread());
+  ASSERT_TRUE(wait_received(7));
+  EXPECT_EQ((line_list{"first", "2", "3", "4", "5", "6", "7"}), received());
+}
+
+TEST_F(socket_multicast_batch_test, a_stop_from_outside_waits_for_one_callback_not_for_the_rest) {
+  const int id = add(1);
+  gate second;
+  ASSERT_TRUE(open_held([&](socket_param& param) {
+    if (std::string(param.get_buff_addr(), param.get_buff_size()) == "2") second.pass();
+  }));
+  ASSERT_TRUE(send_first(id));
+  for (int i = 2; i <= 6; ++i) ASSERT_TRUE(send(std::to_string(i), id));
+  m_held.open();
+  ASSERT_TRUE(second.wait_reached());
+  const int sock = m_events.events().at(0).socket;
+  std::thread closer([&] { m_receiver->sock_close(); });
+  // Refused as long as somebody waits for the end.
+  EXPECT_TRUE(wait_until([&] { return !m_receiver->start_server_event_thread(); }, k_soon));
+  EXPECT_TRUE(is_open_descriptor(sock));
+  second.open();
+  closer.join();
+  const line_list at_return = received();
+  EXPECT_EQ((line_list{"first", "2"}), at_return);
+  EXPECT_FALSE(is_open_descriptor(sock));
+  ASSERT_TRUE(m_receiver->start_server_event_thread());  // on closed sockets: nothing is left
+  m_receiver->sock_close();
+  EXPECT_EQ(at_return, received());
+}
+
+TEST_F(socket_multicast_batch_test, the_callback_of_one_datagram_may_end_the_unit_of_the_next) {
+  const int id = add(1), other = add(2);
+  ASSERT_TRUE(open_held([&](socket_param& param) {
+    const std::string text(param.get_buff_addr(), param.get_buff_size());
+    if (text == "2") m_receiver->disconnect_multicast(id);
+  }));
+  ASSERT_TRUE(send_first(id));
+  for (int i = 2; i <= 6; ++i) ASSERT_TRUE(send(std::to_string(i), id));
+  ASSERT_TRUE(send("other", other));
+  m_held.open();
+  ASSERT_TRUE(m_events.wait_count(EVENT_LOCALE_DISCONNECT, 1));
+  ASSERT_TRUE(wait_until([&] { return place_of("other") < received().size(); }, k_soon));
+  ASSERT_TRUE(send("last", other));
+  ASSERT_TRUE(wait_until([&] { return place_of("last") < received().size(); }, k_soon));
+  EXPECT_EQ("2", received().at(place_of("2")));
+  EXPECT_EQ(received().size(), place_of("3"));
+  EXPECT_EQ(4u, received().size());
+  EXPECT_EQ(1, m_living);
+}
+
+TEST_F(socket_multicast_batch_test, another_thread_may_end_the_unit_between_two_datagrams) {
+  const int id = add(1);
+  ASSERT_TRUE(open_held());
+  ASSERT_TRUE(send_first(id));
+  for (int i = 2; i <= 6; ++i) ASSERT_TRUE(send(std::to_string(i), id));
+  ASSERT_TRUE(m_receiver->disconnect_multicast(id));
+  m_held.open();
+  m_receiver->sock_close();
+  EXPECT_EQ((event_list{EVENT_RECEIVE, EVENT_LOCALE_DISCONNECT}), m_events.types());
+}
+
+TEST_F(socket_multicast_batch_test, an_empty_datagram_ends_the_unit_in_its_turn) {
+  const int id = add(1);
+  ASSERT_TRUE(open_held());
+  ASSERT_TRUE(send_first(id));
+  ASSERT_TRUE(send("2", id) && send("", id) && send("3", id) && send("", id));
+  m_held.open();
+  ASSERT_TRUE(m_events.wait_count(EVENT_REMOTE_DISCONNECT, 1));
+  m_receiver->sock_close();
+  EXPECT_EQ((event_list{EVENT_RECEIVE, EVENT_RECEIVE, EVENT_REMOTE_DISCONNECT}), m_events.types());
+  EXPECT_EQ("first2", m_events.received());
+  EXPECT_EQ(0, m_living);
+}
+
+TEST_F(socket_multicast_batch_test, what_others_send_between_is_left_out) {
+  const int id = add(1);
+  const int stranger = m_sender.add_multicast_param(group(9), m_port.number(), k_local, 0, "");
+  ASSERT_TRUE(open_held());
+  ASSERT_TRUE(send_first(id));
+  ASSERT_TRUE(send("2", id) && send_to_host("host") && send("3", id) && send_to_host("") &&
+              send("group", stranger) && send("4", id) && send_to_host("host"));
+  m_held.open();
+  ASSERT_TRUE(wait_received(4));
+  ASSERT_TRUE(send("5", id));
+  ASSERT_TRUE(wait_received(5));
+  EXPECT_EQ((line_list{"first", "2", "3", "4", "5"}), received());
+  EXPECT_EQ(5u, m_events.events().size());
+}
+
+TEST_F(socket_multicast_batch_test, opening_again_in_a_callback_forgets_what_came_before) {
+  const int id = add(1);
+  std::atomic<bool> opens{true};
+  ASSERT_TRUE(open_held([&](socket_param&) {
+    if (opens.exchange(false)) receive();
+  }));
+  ASSERT_TRUE(send_first(id));
+  for (int i = 2; i <= 6; ++i) ASSERT_TRUE(send(std::to_string(i), id));
+  m_held.open();
+  // From the new opening on: one of these arrives.
+  ASSERT_TRUE(wait_until(
+      [&] {
+        send("new", id);
+        return received().size() > 1;
+      },
+      k_soon));
+  m_receiver->sock_close();
+  const line_list texts = received();
+  EXPECT_TRUE(std::all_of(texts.begin() + 1, texts.end(),
+                          [](const std::string& text) { return text == "new"; }));
+}
+
+TEST_F(socket_multicast_batch_test, the_object_may_be_deleted_between_two_datagrams) {
+  const int id = add(1);
+  m_events.set_hook([&](socket_param&) {
+    m_held.pass();
+    m_receiver.reset();
+  });
+  ASSERT_TRUE(open_both());
+  ASSERT_TRUE(send_first(id));
+  for (int i = 2; i <= 6; ++i) ASSERT_TRUE(send(std::to_string(i), id));
+  m_held.open();
+  ASSERT_TRUE(wait_library_threads({"kav-multicast"}));
+  EXPECT_EQ(line_list{"first"}, received());
+  EXPECT_EQ(0, m_living);
+}
+
+TEST_F(socket_multicast_batch_test, a_callback_that_receives_gets_the_next_datagrams_in_order) {
+  const int id = add(1);
+  std::atomic<bool> nested{true};
+  ASSERT_TRUE(open_held([&](socket_param& param) {
+    const int sock = param.get_socket();
+    if (std::string(param.get_buff_addr(), param.get_buff_size()) != "2") return;
+    if (nested.exchange(false)) m_receiver->event_multicast_client_receive(sock);
+    // Untouched by what came meanwhile.
+    EXPECT_EQ("2", std::string(param.get_buff_addr(), param.get_buff_size()));
+  }));
+  ASSERT_TRUE(send_first(id));
+  line_list sent{"first"};
+  for (int i = 2; i <= 40; ++i) {
+    sent.push_back(std::to_string(i));
+    ASSERT_TRUE(send(sent.back(), id));
+  }
+  m_held.open();
+  ASSERT_TRUE(wait_received(sent.size()));
+  EXPECT_EQ(sent, received());
+}
+
+TEST_F(socket_multicast_batch_test, a_slow_callback_does_not_make_other_groups_wait_for_the_rest) {
+  const int busy = add(1), quiet = add(2);
+  ASSERT_TRUE(open_held([&](socket_param& param) {
+    std::this_thread::sleep_for(2ms);  // the slow callback
+    if (std::string(param.get_buff_addr(), param.get_buff_size()) == "5") send("later", quiet);
+  }));
+  ASSERT_TRUE(send_first(busy));
+  for (int i = 2; i <= 40; ++i) ASSERT_TRUE(send(std::to_string(i), busy));
+  ASSERT_TRUE(send("waiting", quiet));
+  m_held.open();
+  ASSERT_TRUE(wait_received(42));
+  EXPECT_LE(place_of("waiting"), place_of("2") + 1);
+  EXPECT_LE(place_of("later"), place_of("5") + 2);
+  line_list numbers = received(), in_order;
+  std::erase_if(numbers, [](const std::string& text) { return text.size() > 2; });
+  for (int i = 2; i <= 40; ++i) in_order.push_back(std::to_string(i));
+  EXPECT_EQ(in_order, numbers);
 }
 
 // ---- The event thread

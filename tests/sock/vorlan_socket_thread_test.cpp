@@ -157,6 +157,16 @@ TEST(vl_create_thread, the_thread_leaves_the_hosts_signals_to_the_host) {
   expect_mask_of_a_library_thread(masks);
 }
 
+// A new thread begins with its creator's mask, and may be interrupted before it has set its own.
+TEST(vl_create_thread, no_signal_of_the_hosts_reaches_a_thread_before_it_has_set_its_mask) {
+  signal_masks masks;
+  ASSERT_TRUE(masks.load());
+  const sigset_t at_creation = kav_test::mask_at_last_creation();
+  for (const int signal : {SIGINT, SIGTERM, SIGALRM, SIGCHLD, SIGHUP, SIGUSR1, SIGPIPE}) {
+    EXPECT_EQ(1, sigismember(&at_creation, signal)) << signal;
+  }
+}
+
 TEST(vl_create_thread, profilers_and_crash_handlers_work_also_when_the_creator_blocks_everything) {
   sigset_t all, before;
   sigfillset(&all);

@@ -2,7 +2,7 @@
 
 #include <pthread.h>  // pthread_getname_np
 
-#include <algorithm>  // std::count_if
+#include <algorithm>  // std::count_if, std::find_if
 #include <ostream>    // std::ostream
 #include <utility>    // std::move
 
@@ -150,6 +150,14 @@ std::size_t recording_event::count(callback_kind kind) const {
   return static_cast<std::size_t>(
       std::count_if(m_calls.begin(), m_calls.end(),
                     [kind](const recorded_call& call) { return call.kind == kind; }));
+}
+
+bool recording_event::is_list_complete() const {
+  const std::lock_guard<std::mutex> guard(m_lock);
+  const auto latest = std::find_if(m_calls.rbegin(), m_calls.rend(), [](const recorded_call& call) {
+    return call.kind == callback_kind::symbol_list;
+  });
+  return latest != m_calls.rend() && latest->last;
 }
 
 void recording_event::clear() {

@@ -80,6 +80,8 @@ class recording_event : public KAVQuoteEvent {
   std::vector<recorded_call> of(callback_kind kind) const;
   std::size_t count() const;
   std::size_t count(callback_kind kind) const;
+  // Is the latest call of OnSymbolList the end of a list? Quick, however many there are.
+  bool is_list_complete() const;
   // Callbacks that have begun and not returned yet, hooks included.
   int running() const { return m_running.load(std::memory_order_acquire); }
   void clear();

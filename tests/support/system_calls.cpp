@@ -13,11 +13,14 @@ namespace {
 
 std::atomic<bool> g_thread_creation_fails{false};
 thread_local std::vector<unsigned>* t_sleeps = nullptr;
+thread_local sigset_t t_mask_at_last_creation{};
 
 }  // namespace
 
 failing_thread_creation::failing_thread_creation() { g_thread_creation_fails.store(true); }
 failing_thread_creation::~failing_thread_creation() { g_thread_creation_fails.store(false); }
+
+sigset_t mask_at_last_creation() { return t_mask_at_last_creation; }
 
 void record_sleeps(std::vector<unsigned>* sleeps) { t_sleeps = sleeps; }
 
@@ -30,6 +33,7 @@ int pthread_create(pthread_t* id, const pthread_attr_t* attributes, void* (*rout
   using function = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
   static const auto next = reinterpret_cast<function>(::dlsym(RTLD_NEXT, "pthread_create"));
   if (kav_test::g_thread_creation_fails.load()) return EAGAIN;
+  pthread_sigmask(SIG_BLOCK, nullptr, &kav_test::t_mask_at_last_creation);
   return next(id, attributes, routine, arg);
 }
 

@@ -2,7 +2,8 @@
 // tests make thread creation fail and see how long a thread would have slept.
 #pragma once
 
-#include <vector>  // std::vector
+#include <csignal>  // sigset_t
+#include <vector>   // std::vector
 
 namespace kav_test {
 
@@ -14,6 +15,9 @@ class failing_thread_creation {
   failing_thread_creation& operator=(const failing_thread_creation&) = delete;
   ~failing_thread_creation();
 };
+
+// The signals that the calling thread had blocked when it last created one.
+sigset_t mask_at_last_creation();
 
 // From now on usleep() on the calling thread only appends its microseconds to `sleeps`; null ends
 // that.

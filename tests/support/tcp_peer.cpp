@@ -149,7 +149,8 @@ bool tcp_peer::stop_answering() {
   const sockaddr_in address = loopback(m_port);
   for (int i = 0; i < k_most_fillers; ++i) {
     owned_fd filler(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    ::connect(filler.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    static_cast<void>(
+        ::connect(filler.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)));
     if (!wait_for(filler.get(), POLLOUT, k_answer_time)) return true;  // the backlog is full
     m_fillers.push_back(std::move(filler));
   }

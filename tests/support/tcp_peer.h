@@ -8,6 +8,8 @@
 
 namespace kav_test {
 
+inline constexpr const char* k_host = "127.0.0.1";  // of every peer
+
 // A descriptor that is closed at the end of its block. One thread at a time.
 class owned_fd {
  public:

@@ -145,7 +145,7 @@ TEST(map_int_without_memory, clear_does_not_fail) {
 
 TEST(data_pool_without_memory, counts_nothing_and_leaves_no_lock) {
   data_pool<stream_buffer> pool(4);
-  EXPECT_TRUE(runs_out_of_memory(0, [&] { pool.get(); }));
+  EXPECT_TRUE(runs_out_of_memory(0, [&] { pool.put(pool.get()); }));
   EXPECT_EQ(0, pool.created());
   std::thread([&] { pool.put(pool.get()); }).join();
   EXPECT_EQ(1, pool.created());
@@ -159,4 +159,21 @@ TEST(data_queue_without_memory, keeps_its_items_and_leaves_no_lock) {
   int item = 0;
   EXPECT_FALSE(runs_out_of_memory(0, [&] { queue.try_pop(item); })) << "taking needs no memory";
   EXPECT_EQ(1, item);
+}
+
+TEST(data_queue_without_memory, goes_on_with_the_nodes_that_it_has_had) {
+  data_queue<int> queue;
+  for (int i = 0; i < 100; ++i) queue.push(i);
+  int item = 0;
+  while (queue.try_pop(item)) continue;
+  EXPECT_FALSE(runs_out_of_memory(0, [&] {
+    for (int round = 0; round < 1000; ++round) {
+      for (int i = 0; i < 100; ++i) queue.push(i);
+      for (int i = 0; i < 100; ++i) queue.pop();
+    }
+  }));
+  EXPECT_TRUE(runs_out_of_memory(0, [&] {
+    for (int i = 0; i < 101; ++i) queue.push(i);
+  }));
+  EXPECT_EQ(100u, queue.size());
 }

@@ -19,7 +19,7 @@ TEST(bad_str_key, is_caught_as_out_of_range_and_as_logic_error) {
 
 TEST(bad_str_key, keeps_message_and_code_when_copied) {
   const bad_str_key error("text");
-  const bad_str_key copy = error;
+  const bad_str_key copy = error;  // NOLINT(performance-unnecessary-copy-initialization): tested
   EXPECT_STREQ("text", copy.what());
   EXPECT_EQ(-1, copy.code());
 }

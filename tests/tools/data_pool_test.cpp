@@ -118,6 +118,7 @@ TEST(data_pool, serves_several_threads) {
   {
     data_pool<counted> pool(2);
     std::vector<std::thread> threads;
+    threads.reserve(k_threads);
     for (int t = 0; t < k_threads; ++t) {
       threads.emplace_back([&pool] {
         for (unsigned i = 0; i < 3000; ++i) {

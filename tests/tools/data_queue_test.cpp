@@ -135,6 +135,7 @@ TEST(data_queue, passes_every_item_once_from_producers_to_consumers) {
   std::atomic<int> left{k_producers * k_items};
   std::atomic<int> ordered_consumers{0};
   std::vector<std::thread> threads;
+  threads.reserve(k_producers + 2);
   for (int producer = 0; producer < k_producers; ++producer) {
     threads.emplace_back([&, producer] { produce(queue, producer); });
   }

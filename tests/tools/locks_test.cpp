@@ -80,6 +80,7 @@ int count_under_lock() {
   LOCK lock;
   int counter = 0;
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&] {
       for (int i = 0; i < 2000; ++i) {

@@ -210,6 +210,7 @@ TEST(map_int, takes_its_lock_once_in_every_operation_and_gives_it_back) {
 TEST(map_int, with_a_mutex_serves_several_threads) {
   map_int<int, mutex_lock> map;
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&map, t] {
       for (int i = 0; i < 500; ++i) map.set(t * 500 + i, i);

@@ -298,7 +298,7 @@ TEST(map_str, agrees_with_std_map_and_keeps_chain_order_over_a_random_life) {
   chain_model chains;
   for (int step = 0; step < 30000; ++step) {
     const std::string key = numbered(static_cast<int>(random() % 2000));
-    const bool is_new = expected.count(key) == 0;
+    const bool is_new = !expected.contains(key);
     switch (random() % 4) {
       case 0:
         map.erase(key.c_str());
@@ -315,7 +315,7 @@ TEST(map_str, agrees_with_std_map_and_keeps_chain_order_over_a_random_life) {
         if (is_new) chains.insert(key);
     }
     ASSERT_EQ(expected.size(), map.size());
-    ASSERT_EQ(expected.count(key) > 0, map.is_exist(key.c_str()));
+    ASSERT_EQ(expected.contains(key), map.is_exist(key.c_str()));
   }
   EXPECT_EQ(chains.keys(), keys(map));
   EXPECT_EQ(chains.buckets.size(), map.bucket_count());

@@ -110,6 +110,40 @@ TEST(stream_buffer, without_capacity_grows_to_exactly_the_first_push) {
   EXPECT_EQ(2u, buffer.get_reserve_len()) << "3 bytes doubled to 6, 4 in use";
 }
 
+TEST(stream_buffer, make_room_leaves_enough_room_alone) {
+  stream_buffer buffer(16);
+  push(buffer, "abcd");
+  buffer.pop_data(2);
+  const char* const live = buffer.get_data_ptr();
+  EXPECT_EQ(12u, buffer.make_room(12));
+  EXPECT_EQ(live, buffer.get_data_ptr());
+}
+
+TEST(stream_buffer, make_room_moves_the_live_bytes_when_that_suffices) {
+  stream_buffer buffer(16);
+  push(buffer, "abcd");
+  buffer.pop_data(2);
+  EXPECT_EQ(14u, buffer.make_room(13));
+  EXPECT_EQ("cd", content(buffer));
+}
+
+TEST(stream_buffer, make_room_grows_when_moving_does_not_suffice) {
+  stream_buffer buffer(16);
+  push(buffer, "abcd");
+  buffer.pop_data(2);
+  EXPECT_EQ(30u, buffer.make_room(15)) << "doubled";
+  EXPECT_EQ(100u, buffer.make_room(100)) << "to what is needed";
+  EXPECT_EQ("cd", content(buffer));
+}
+
+TEST(stream_buffer, make_room_for_more_than_any_host_has_changes_nothing) {
+  stream_buffer buffer(16);
+  push(buffer, "abcd");
+  EXPECT_EQ(0u, buffer.make_room(std::numeric_limits<std::size_t>::max()));
+  EXPECT_EQ("abcd", content(buffer));
+  EXPECT_EQ(12u, buffer.get_reserve_len());
+}
+
 TEST(stream_buffer, without_capacity_still_makes_room_for_a_reader) {
   stream_buffer buffer(0);
   EXPECT_GT(buffer.get_reserve_len(), 0u);

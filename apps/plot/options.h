@@ -1,0 +1,29 @@
+// The command line of kav-plot.
+#pragma once
+
+#include <string>   // std::string
+#include <variant>  // std::variant
+#include <vector>   // std::vector
+
+#include "apps/plot/outcome.h"
+#include "apps/plot/picture.h"
+
+namespace kav_plot {
+
+struct plot_options {
+  std::string path;
+  std::vector<std::string> symbols;
+  bool list_only = false;
+  picture_options picture;
+};
+
+// What to print on standard output (the help, the version) before ending well.
+struct information {
+  std::string text;
+};
+
+using parsed_options = std::variant<plot_options, information, outcome>;
+
+parsed_options parse_options(int argc, const char* const* argv);
+
+}  // namespace kav_plot

@@ -1,0 +1,144 @@
+"""Clients that are alive when their interpreter ends or forks. Each test is a process of its own."""
+
+import subprocess
+import sys
+
+import pytest
+from conftest import HOST, LIMIT
+
+LOGGED_IN = f"""
+import kavquote, os, sys, threading, time
+client = kavquote.Client("{HOST}", int(sys.argv[1]))
+client.login("user", "password")
+client.register("IF2612")
+"""
+
+
+def run(server, program: str, *arguments: str) -> subprocess.CompletedProcess[str]:
+    return subprocess.run(
+        [
+            sys.executable,
+            "-X",
+            "faulthandler",
+            "-c",
+            LOGGED_IN + program,
+            str(server.port),
+            *arguments,
+        ],
+        capture_output=True,
+        text=True,
+        timeout=LIMIT * 2,
+        check=False,
+    )
+
+
+@pytest.mark.parametrize(
+    "program",
+    [
+        "next(client.quotes())",
+        "client.on_quote(lambda quote: None)",
+        "client.on_quote(lambda quote: time.sleep(0.5)); time.sleep(0.1)",
+        "client.on_quote(lambda quote: client.close()); time.sleep(0.1)",
+        "threading.Thread(target=lambda: list(client.quotes()), daemon=True).start()",
+        "threading.Thread(target=lambda: list(client.batches()), daemon=True).start()",
+        "stream = client.quotes(); client.itself = client",
+        "raise SystemExit(0)",
+        "os._exit(0)",
+    ],
+)
+def test_an_interpreter_ends_with_a_live_client(server, program):
+    ended = run(server, program)
+    assert (ended.returncode, ended.stderr) == (0, "")
+
+
+def test_an_error_ends_an_interpreter_with_its_own_status(server):
+    ended = run(server, "client.on_quote(print); sys.exit(7)")
+    assert ended.returncode == 7
+
+
+FORKED = """
+client.on_quote(lambda quote: None)
+child = os.fork()
+if child == 0:
+    for use in (client.quotes, client.batch, client.symbols, lambda: client.received):
+        try:
+            use()
+        except kavquote.ForkedError:
+            continue
+        os._exit(1)
+    assert "another process" in repr(client)
+    client.close()
+    del client
+    fresh = kavquote.Client("127.0.0.1", int(sys.argv[1]))
+    fresh.login("user", "password")
+    fresh.register("rb2705")
+    assert next(fresh.quotes(10)).InstrumentID == "rb2705"
+    sys.exit(5)
+status = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
+assert status == 5, status
+client.on_quote(None)
+while client.waiting:
+    client.batch()
+assert next(client.quotes(10)).InstrumentID == "IF2612"
+"""
+
+
+def test_a_forked_child_makes_a_client_of_its_own_and_the_parent_goes_on(server):
+    ended = run(server, FORKED)
+    assert (ended.returncode, ended.stderr) == (0, "")
+
+
+def test_a_stream_in_a_forked_child_is_an_error(server):
+    ended = run(
+        server,
+        """
+stream = client.quotes()
+child = os.fork()
+if child == 0:
+    try:
+        next(stream)
+    except kavquote.ForkedError:
+        sys.exit(5)
+assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 5
+""",
+    )
+    assert (ended.returncode, ended.stderr) == (0, "")
+
+
+def test_no_descriptor_and_no_thread_is_left_of_closed_clients(server):
+    ended = run(
+        server,
+        f"""
+client.close()
+def counts():
+    return len(os.listdir("/proc/self/fd")), len(os.listdir("/proc/self/task"))
+before = counts()
+for _ in range(20):
+    with kavquote.Client("{HOST}", int(sys.argv[1])) as one:
+        one.login("user", "password")
+        one.on_quote(print)
+del one, client
+deadline = time.monotonic() + {LIMIT}
+while counts() > before and time.monotonic() < deadline:
+    time.sleep(0.01)
+assert counts() <= before, (before, counts())
+""",
+    )
+    assert (ended.returncode, ended.stderr) == (0, "")
+
+
+def test_what_the_system_refuses_is_an_os_error(server):
+    ended = run(
+        server,
+        """
+import errno, resource
+client.close()
+resource.setrlimit(resource.RLIMIT_NOFILE, (len(os.listdir("/proc/self/fd")) - 1, 4096))
+try:
+    kavquote.Client("127.0.0.1", int(sys.argv[1]))
+except OSError as error:
+    assert error.errno == errno.EMFILE, error
+    sys.exit(5)
+""",
+    )
+    assert (ended.returncode, ended.stderr) == (5, "")
