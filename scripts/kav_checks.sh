@@ -73,6 +73,7 @@ only_compiled() {
 library_first() {
   local sources
   sources=$(cat)
+  [[ -n $sources ]] || return 0
   grep -E '^(api|client|feeds|sock|tools)/' <<<"$sources" || true
   grep -vE '^(api|client|feeds|sock|tools)/' <<<"$sources" || true
 }

@@ -165,6 +165,64 @@ without_apt_get_one_line_tells_what_to_install() {
   expect_text "$err" "apt-get install ninja-build clang-format clang clang-tidy shellcheck"
 }
 
+# ---- clang-tidy, with one of our own in a project of three sources ----
+
+# $folder/project: the script, a library source, a test and one that is not compiled, in one commit.
+make_checked_project() {
+  local source
+  make_bare_machine
+  for source in ninja clang++ clang-format shellcheck; do make_command "$source"; done
+  ln -s -f -- "$(command -v git)" "$folder/bin/git"
+  make_command clang-tidy "printf '%s\n' \"\${!#}\" >>'$folder/looked_at'"
+  mkdir -p -- "$folder/project/build/tidy" "$folder/project/tests" "$folder/project/tools"
+  cp -R -- "$kav" "${kav%/*}/scripts" "$folder/project"
+  cd -- "$folder/project"
+  printf '/build/\n' >.gitignore
+  for source in tests/first.cpp tools/second.cpp tests/left_out.cpp; do printf '\n' >"$source"; done
+  printf '{"file": "%s"}\n' "$PWD/tests/first.cpp" "$PWD/tools/second.cpp" \
+    >build/tidy/compile_commands.json
+  git init -q -b main
+  commit_all
+}
+
+commit_all() {
+  git add -A
+  git -c user.name=test -c user.email=test@localhost commit -q -m change
+}
+
+run_tidy() { run env -u KAV_BASE PATH="$folder/bin" ./kav tidy "$@"; }
+
+tidy_looks_at_the_sources_that_changed_those_of_the_library_first() {
+  make_checked_project
+  printf '// changed\n' | tee tests/first.cpp tests/left_out.cpp >tools/second.cpp
+  commit_all
+  run_tidy
+  expect_status 0
+  expect_text "$err" "over 2 sources"
+  [[ $(<"$folder/looked_at") == $'tools/second.cpp\ntests/first.cpp' ]] ||
+    fail "clang-tidy looked at: $(<"$folder/looked_at")"
+}
+
+tidy_is_content_when_no_source_changed() {
+  make_checked_project
+  printf 'a page\n' >README.md
+  commit_all
+  run_tidy --minutes 3
+  expect_status 0
+  expect_text "$err" "over 0 sources"
+  [[ ! -e $folder/looked_at ]] || fail "clang-tidy looked at: '$(<"$folder/looked_at")'"
+}
+
+tidy_fails_when_clang_tidy_finds_something() {
+  make_checked_project
+  make_command clang-tidy 'exit 1'
+  printf '// changed\n' >tests/first.cpp
+  commit_all
+  run_tidy
+  expect_status 1
+  expect_text "$err" "clang-tidy found something"
+}
+
 # ---- the demo ----
 
 # The processes that have our TMPDIR: the demo's own, whatever else runs on the machine.
