@@ -47,7 +47,7 @@ if(KAVQUOTE_HARDEN)
   check_linker_flag(CXX "LINKER:-z,ibt,-z,shstk" KAVQUOTE_LINKER_MARKS_JUMPS)
   if(KAVQUOTE_LINKER_MARKS_JUMPS)
     target_link_options(kavquote_hardening INTERFACE
-      $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>:LINKER:-z,ibt,-z,shstk,-init=kav_no_init,-fini=kav_no_fini>)
+      $<$<IN_LIST:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY$<SEMICOLON>MODULE_LIBRARY>:LINKER:-z,ibt,-z,shstk,-init=kav_no_init,-fini=kav_no_fini>)
   endif()
 
   include(CheckPIESupported)

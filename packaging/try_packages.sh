@@ -87,7 +87,7 @@ package_names() {
 compile_examples() {
   say "compiling an example with pkg-config, and with find_package of CMake"
   mkdir -- "$fresh/try"
-  cp -a -- "$source/tests/packaging/user" "$source/tests/packaging/print_quotes.sh" "$fresh/try/"
+  cp -a -- "$source/tests/packaging/user" "$source/tests/support/print_quotes.sh" "$fresh/try/"
   # shellcheck disable=SC2016  # the inner shell's own
   quietly inside sh -euxc 'cd "$1/try"
     example=$1/usr/share/doc/libkavquote-dev/examples/shortest_client.cpp

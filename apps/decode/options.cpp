@@ -9,6 +9,7 @@
 #include <vector>        // std::vector
 
 #include "apps/feed/default_groups.h"
+#include "apps/watch/command_line.h"
 #include "apps/watch/text_safety.h"
 
 namespace kav_decode {
@@ -135,15 +136,8 @@ parsed_options parse_options(int argc, const char* const* argv) {
   app.footer(k_footer);
   app.set_version_flag("--version", "kav-decode " KAV_DECODE_VERSION);
   declare_options(app, raw);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::CallForHelp&) {
-    return information{app.help()};
-  } catch (const CLI::CallForVersion& version) {
-    return information{std::string{version.what()} + "\n"};
-  } catch (const CLI::ParseError& error) {
-    return bad_option(error.what());
-  }
+  const auto end = kav_watch::end_of_parsing<parsed_options>(app, argc, argv, bad_option);
+  if (end) return *end;
   return accept(app, raw);
 }
 

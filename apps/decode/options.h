@@ -10,6 +10,7 @@
 
 #include "apps/decode/group_table.h"
 #include "apps/decode/outcome.h"
+#include "apps/watch/information.h"
 
 namespace kav_decode {
 
@@ -26,10 +27,7 @@ struct decode_options {
   std::optional<std::uint64_t> count;
 };
 
-// What to print on standard output (the help, the version) before ending well.
-struct information {
-  std::string text;
-};
+using kav_watch::information;
 
 using parsed_options = std::variant<decode_options, information, outcome>;
 parsed_options parse_options(int argc, const char* const* argv);

@@ -7,6 +7,7 @@
 
 #include "apps/plot/outcome.h"
 #include "apps/plot/picture.h"
+#include "apps/watch/information.h"
 
 namespace kav_plot {
 
@@ -17,10 +18,7 @@ struct plot_options {
   picture_options picture;
 };
 
-// What to print on standard output (the help, the version) before ending well.
-struct information {
-  std::string text;
-};
+using kav_watch::information;
 
 using parsed_options = std::variant<plot_options, information, outcome>;
 

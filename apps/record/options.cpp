@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "apps/watch/command_line.h"
 #include "apps/watch/text_safety.h"
 
 namespace kav_record {
@@ -109,15 +110,9 @@ parsed_options parse_options(int argc, const char* const* argv,
   kav_watch::declare_source_options(app, raw.source);
   kav_watch::declare_choice_options(app, raw.source, "record");
   declare_file_options(app, raw);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::CallForHelp&) {
-    return kav_watch::information{app.help()};
-  } catch (const CLI::CallForVersion& version) {
-    return kav_watch::information{std::string{version.what()} + "\n"};
-  } catch (const CLI::ParseError& error) {
-    return bad_option(k_program, error.what());
-  }
+  const auto end = kav_watch::end_of_parsing<parsed_options>(
+      app, argc, argv, [](const std::string& text) { return bad_option(k_program, text); });
+  if (end) return *end;
   return judge(app, raw, password);
 }
 

@@ -9,7 +9,6 @@
 #include <cstring>     // std::strerror
 #include <exception>   // std::exception
 #include <filesystem>  // std::filesystem::is_directory
-#include <optional>    // std::optional
 #include <string>      // std::string
 #include <variant>     // std::get_if
 
@@ -27,20 +26,10 @@ namespace {
 
 using kav_watch::exit_status;
 using kav_watch::outcome;
-using kav_watch::secret;
 
 int finish(const outcome& end) {
   if (!end.message.empty()) note(end.message);
   return static_cast<int>(end.status);
-}
-
-int print_information(const std::string& text, kav_watch::standard_output& output,
-                      kav_watch::signal_source& signals) {
-  using namespace std::chrono_literals;
-  kav_watch::output_stream stream{output.fd(), signals.fd()};
-  stream.buffer().append(text);
-  if (stream.flush_for(2s) != kav_watch::write_result::failed) return 0;
-  return finish({exit_status::write_failed, "cannot write the output: " + stream.error_text()});
 }
 
 // Told before a session begins; empty when files can be made there.
@@ -76,21 +65,14 @@ int record(record_options& options, kav_watch::standard_output& output,
   return finish(end);
 }
 
-// The password is taken from both places whichever counts, which is the argument's.
-parsed_options take_options(int argc, char** argv) {
-  const std::optional<secret> from_environment = kav_watch::take_password_from_environment();
-  const std::optional<secret> from_arguments = kav_watch::take_password_from_arguments(argc, argv);
-  return parse_options(argc, argv, from_arguments ? from_arguments : from_environment);
-}
-
 int run(int argc, char** argv) {
-  parsed_options parsed = take_options(argc, argv);
+  parsed_options parsed = parse_options(argc, argv, kav_watch::take_password(argc, argv));
   kav_watch::signal_source signals;
   kav_watch::standard_output output;
   std::signal(SIGXFSZ, SIG_IGN);  // a write tells that the file may not grow
   if (const auto* end = std::get_if<outcome>(&parsed)) return finish(*end);
   if (const auto* text = std::get_if<kav_watch::information>(&parsed)) {
-    return print_information(text->text, output, signals);
+    return finish(kav_watch::print_text(text->text, output.fd(), signals.fd()));
   }
   return record(std::get<record_options>(parsed), output, signals);
 }

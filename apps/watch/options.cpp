@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <map>  // std::map
 
+#include "apps/watch/command_line.h"
+
 namespace kav_watch {
 namespace {
 
@@ -91,15 +93,9 @@ parsed_options parse_options(int argc, const char* const* argv,
   declare_source_options(app, raw.source);
   declare_choice_options(app, raw.source, "watch");
   declare_output_options(app, raw);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::CallForHelp&) {
-    return information{app.help()};
-  } catch (const CLI::CallForVersion& version) {
-    return information{std::string{version.what()} + "\n"};
-  } catch (const CLI::ParseError& error) {
-    return bad_option(k_program, error.what());
-  }
+  const auto end = end_of_parsing<parsed_options>(
+      app, argc, argv, [](const std::string& text) { return bad_option(k_program, text); });
+  if (end) return *end;
   return judge(app, raw, password);
 }
 

@@ -4,6 +4,7 @@
 #include <optional>  // std::optional
 #include <variant>   // std::variant
 
+#include "apps/watch/information.h"
 #include "apps/watch/outcome.h"
 #include "apps/watch/secrets.h"
 #include "apps/watch/source_options.h"

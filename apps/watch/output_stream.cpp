@@ -26,6 +26,8 @@ void drop_front(fmt::memory_buffer& buffer, std::size_t bytes) {
   buffer.resize(buffer.size() - bytes);
 }
 
+constexpr std::chrono::seconds k_text_wait{2};
+
 }  // namespace
 
 output_stream::output_stream(int fd, int interrupt_fd)
@@ -78,5 +80,12 @@ write_result output_stream::flush_for(std::chrono::milliseconds limit) {
 }
 
 std::string output_stream::error_text() const { return std::generic_category().message(m_error); }
+
+outcome print_text(const std::string& text, int fd, int interrupt_fd) {
+  output_stream stream{fd, interrupt_fd};
+  stream.buffer().append(text);
+  if (stream.flush_for(k_text_wait) != write_result::failed) return {};
+  return {exit_status::write_failed, "cannot write the output: " + stream.error_text()};
+}
 
 }  // namespace kav_watch

@@ -7,6 +7,8 @@
 #include <cstddef>  // std::size_t
 #include <string>   // std::string
 
+#include "apps/watch/outcome.h"
+
 namespace kav_watch {
 
 enum class write_result {
@@ -42,5 +44,8 @@ class output_stream {
   int m_error = 0;
   fmt::memory_buffer m_buffer;
 };
+
+// Writes a text that ends the program, such as its help; a slow reader has 2 s.
+outcome print_text(const std::string& text, int fd, int interrupt_fd);
 
 }  // namespace kav_watch

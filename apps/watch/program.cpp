@@ -3,10 +3,8 @@
 #include <fmt/format.h>  // fmt::print
 #include <unistd.h>      // _exit
 
-#include <chrono>     // std::chrono_literals
 #include <cstdio>     // stderr
 #include <exception>  // std::exception
-#include <optional>   // std::optional
 #include <string>     // std::string
 #include <variant>    // std::get_if
 
@@ -23,14 +21,6 @@ namespace {
 int finish(const outcome& end) {
   if (!end.message.empty()) fmt::print(stderr, "kav-watch: {}\n", end.message);
   return static_cast<int>(end.status);
-}
-
-int print_information(const std::string& text, standard_output& output, signal_source& signals) {
-  using namespace std::chrono_literals;
-  output_stream stream{output.fd(), signals.fd()};
-  stream.buffer().append(text);
-  if (stream.flush_for(2s) != write_result::failed) return 0;
-  return finish({exit_status::write_failed, "cannot write the output: " + stream.error_text()});
 }
 
 output_format chosen_format(const watch_options& options, const standard_output& output) {
@@ -58,20 +48,13 @@ int watch(watch_options& options, standard_output& output, signal_source& signal
   return finish(end);
 }
 
-// The password is taken from both places whichever counts, which is the argument's.
-parsed_options take_options(int argc, char** argv) {
-  const std::optional<secret> from_environment = take_password_from_environment();
-  const std::optional<secret> from_arguments = take_password_from_arguments(argc, argv);
-  return parse_options(argc, argv, from_arguments ? from_arguments : from_environment);
-}
-
 int run(int argc, char** argv) {
-  parsed_options parsed = take_options(argc, argv);
+  parsed_options parsed = parse_options(argc, argv, take_password(argc, argv));
   signal_source signals;
   standard_output output;
   if (const auto* end = std::get_if<outcome>(&parsed)) return finish(*end);
   if (const auto* text = std::get_if<information>(&parsed)) {
-    return print_information(text->text, output, signals);
+    return finish(print_text(text->text, output.fd(), signals.fd()));
   }
   return watch(std::get<watch_options>(parsed), output, signals);
 }

@@ -50,4 +50,10 @@ std::optional<secret> take_password_from_arguments(int argc, char** argv) {
   return password;
 }
 
+std::optional<secret> take_password(int argc, char** argv) {
+  const std::optional<secret> from_environment = take_password_from_environment();
+  const std::optional<secret> from_arguments = take_password_from_arguments(argc, argv);
+  return from_arguments ? from_arguments : from_environment;
+}
+
 }  // namespace kav_watch

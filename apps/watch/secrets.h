@@ -38,4 +38,7 @@ std::optional<secret> take_password_from_environment();
 // It was readable until now.
 std::optional<secret> take_password_from_arguments(int argc, char** argv);
 
+// Takes it from both places, whichever counts; that of the arguments does, where there are both.
+std::optional<secret> take_password(int argc, char** argv);
+
 }  // namespace kav_watch

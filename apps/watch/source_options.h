@@ -34,11 +34,6 @@ struct source_options {
   std::chrono::milliseconds timeout{10'000};  // for each of connecting, login and symbol list
 };
 
-// What to print on standard output (the help, the version) before ending well.
-struct information {
-  std::string text;
-};
-
 // What the command line's parser fills before it is checked further.
 struct raw_source {
   std::string server, user;

@@ -33,15 +33,20 @@ SOURCE
 readonly compile=(-O2 -fstack-protector-strong -fcf-protection=full -U_FORTIFY_SOURCE
   -D_FORTIFY_SOURCE=2)
 readonly link=("-Wl,-z,relro,-z,now,-z,noexecstack,-z,separate-code")
-readonly as_library=(-shared -fPIC "-Wl,-z,nodelete,-z,ibt,-z,shstk,-init=no_init,-fini=no_fini")
+readonly as_module=(-shared -fPIC "-Wl,-z,ibt,-z,shstk,-init=no_init,-fini=no_fini")
+readonly as_library=("${as_module[@]}" "-Wl,-z,nodelete")
 readonly as_program=(-fPIE -pie -DWITH_MAIN)
 
 # Builds with all protections and then FLAGS, the last of which count; sets `missing` to the lines
 # that the check says, joined by commas.
-judge() {  # library|program FLAGS...
+judge() {  # library|module|program FLAGS...
   local kind=$1 flags status=0
   shift
-  if [[ $kind == library ]]; then flags=("${as_library[@]}"); else flags=("${as_program[@]}"); fi
+  case $kind in
+    library) flags=("${as_library[@]}") ;;
+    module) flags=("${as_module[@]}") ;;
+    program) flags=("${as_program[@]}") ;;
+  esac
   "$compiler" "${compile[@]}" "${link[@]}" "${flags[@]}" "$@" "$folder/small.cpp" \
     -o "$folder/small"
   missing=$(bash "$check" "$kind" "$folder/small" | paste -sd,) || status=$?
@@ -59,7 +64,7 @@ expect_missing() {  # NAMES KIND FLAGS...
   [[ $missing == "$names" ]] || fail "$*: missing is '$missing' instead of '$names'"
 }
 
-for kind in library program; do
+for kind in library module program; do
   expect_missing "" "$kind"
   expect_missing "stack protector" "$kind" -fno-stack-protector
   expect_missing "checked copies" "$kind" -U_FORTIFY_SOURCE
@@ -70,8 +75,10 @@ for kind in library program; do
   expect_missing "no memory both writable and executable" "$kind" -DWITH_WRITABLE_CODE
   expect_missing "code apart from data" "$kind" -Wl,-z,noseparate-code
 done
-expect_missing "marked jump targets" library -fcf-protection=none
-expect_missing "marked jump targets" library "-Wl,-init=small"
+for kind in library module; do
+  expect_missing "marked jump targets" "$kind" -fcf-protection=none
+  expect_missing "marked jump targets" "$kind" "-Wl,-init=small"
+done
 expect_missing "any address" program -fno-pie -no-pie
 
 # What the linker has been told cannot be taken back, so that the rest begins with nothing.

@@ -6,7 +6,9 @@ kav_add_test(kav_record_test
 
 if(TARGET kav_sim_core)
   kav_add_test(kav_record_program_test
-    SOURCES ${CMAKE_CURRENT_LIST_DIR}/record_program_test.cpp
+    SOURCES ${CMAKE_CURRENT_LIST_DIR}/record_multicast_test.cpp
+            ${CMAKE_CURRENT_LIST_DIR}/record_program_test.cpp
+            ${CMAKE_CURRENT_LIST_DIR}/watch_multicast.cpp
             ${CMAKE_CURRENT_LIST_DIR}/watch_process.cpp
     LIBRARIES kav_record_core kav_sim_core util
     TIMEOUT 180)

@@ -6,8 +6,8 @@ set -euo pipefail
 readonly way=$1 folder=$2 source=$3 prefix=$4 simulator=$5 compiler=$6 flags=${7:-}
 here=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")" && pwd)
 readonly here
-# shellcheck source-path=SCRIPTDIR source=print_quotes.sh
-source "$here/print_quotes.sh"
+# shellcheck source-path=SCRIPTDIR source=../support/print_quotes.sh
+source "$here/../support/print_quotes.sh"
 rm -rf -- "$folder"
 mkdir -p -- "$folder"
 
