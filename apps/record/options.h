@@ -7,6 +7,7 @@
 #include <variant>   // std::variant
 
 #include "apps/record/day_files.h"
+#include "apps/watch/information.h"
 #include "apps/watch/outcome.h"
 #include "apps/watch/secrets.h"
 #include "apps/watch/source_options.h"

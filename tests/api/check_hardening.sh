@@ -20,7 +20,7 @@ refuse() {  # NAME TEXT PATTERN: no line does
 }
 
 require "stack protector" "$symbols" ' UND __stack_chk_fail\b'
-require "checked copies" "$symbols" ' UND __[a-z]+_chk\b'
+require "checked copies" "$symbols" ' UND __[a-z_]+_chk\b'
 require "read-only relocations" "$segments" '^ *GNU_RELRO '
 require "binding at start" "$dynamic" '\((FLAGS|FLAGS_1)\).*\b(BIND_NOW|NOW)\b'
 require "no executable stack" "$segments" '^ *GNU_STACK( +0x[0-9a-f]+){5} RW  '

@@ -2,10 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>  // std::count
-#include <map>        // std::map
-#include <string>     // std::string
-#include <vector>     // std::vector
+#include <map>     // std::map
+#include <string>  // std::string
+#include <vector>  // std::vector
 
 #include "apps/sim/tick_file.h"
 #include "apps/watch/quote_format.h"
@@ -108,7 +107,7 @@ TEST_F(record_multicast_test, a_group_that_cannot_be_received_ends_it_with_10) {
   child_process child{group_alone("SHFE", {})};
   EXPECT_EQ(10, child.wait()) << child.errors();
   EXPECT_THAT(child.errors(), StartsWith("kav-record: "));
-  EXPECT_EQ(1, std::count(child.errors().begin(), child.errors().end(), '\n')) << child.errors();
+  EXPECT_EQ(1u, kav_watch_test::split_lines(child.errors()).size()) << child.errors();
   EXPECT_THAT(m_folder.names(), testing::IsEmpty());
 }
 
