@@ -78,13 +78,13 @@ std::string format_of(const record_field& field) {
 }
 
 constexpr const char* k_quote_doc =
-    "One quote. Its attributes are the fields of the record, by their names: texts are str, "
-    "prices\n"
-    "float, lots int. Zero and an empty text mean that there is no value. It can be compared and\n"
-    "pickled.\n\n"
-    ">>> quote = kavquote.Quote(bytes(345))\n"
-    ">>> quote.InstrumentID, quote.LastPrice, quote.BidVolume1\n"
-    "('', 0.0, 0)\n";
+    R"(One quote. Its attributes are the fields of the record, by their names: texts are str, prices
+float, lots int. Zero and an empty text mean that there is no value. It can be compared and pickled.
+
+>>> quote = kavquote.Quote(bytes(345))
+>>> quote.InstrumentID, quote.LastPrice, quote.BidVolume1
+('', 0.0, 0)
+)";
 
 }  // namespace
 

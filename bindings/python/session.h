@@ -1,12 +1,9 @@
 // One client of the library, as Python uses it.
 //
-// Threads:  any. None of the operations waits for the network; what they caused is seen in
-// events().
-//           connect() starts a thread for ConnServer(), which waits for as long as the system
-//           tries.
-// Shutdown: close() ends a ConnServer() in progress and destroys the client; afterwards no thread
-// of
-//           the library calls events() any more. The destructor closes.
+// Threads:  any. No operation waits for the network; what it caused is seen in events(). connect()
+//           starts a thread for ConnServer(), which takes as long as the system tries.
+// Shutdown: close() ends a ConnServer() in progress and destroys the client; then no thread of the
+//           library calls events() any more. The destructor closes.
 // Forks:    the library's threads do not exist in a forked child. There the object belongs to
 //           nobody: session_deleter leaves it as it is.
 #pragma once

@@ -2,9 +2,8 @@
 //
 // Threads:  the callbacks come on any thread of the library and never wait for Python. What they
 //           leave is guarded by m_lock, the quotes by the ring's own.
-// Shutdown: close() ends every wait; the owner calls it before it destroys the client. The log
-// stays
-//           open until end_log(), since the client's end has something to say as well.
+// Shutdown: close() ends every wait; the owner calls it before it destroys the client. The log is
+//           open until end_log(): the client's end has something to say as well.
 #pragma once
 
 #include <chrono>              // std::chrono::steady_clock

@@ -9,6 +9,7 @@ import kavquote
 import numpy
 import pytest
 from conftest import HOST, LIMIT, wait_until
+from kavquote.threads import Deliverer
 
 
 @pytest.fixture
@@ -197,10 +198,33 @@ def test_a_callback_gets_every_quote_on_one_thread(registered):
         registered.quotes()
     registered.on_quote(None)
     count = len(seen)
-    assert count + registered.waiting <= registered.received
+    assert wait_until(lambda: all_are_accounted_for(registered, count))
     assert threads == {"kavquote-callback"}
     assert len(registered.batch(LIMIT)) > 0
     assert len(seen) == count
+
+
+def all_are_accounted_for(client: kavquote.Client, taken: int) -> bool:
+    before = client.received
+    known = taken + client.waiting + client.dropped
+    return known == before == client.received
+
+
+def test_what_was_taken_for_a_callback_that_is_to_end_is_delivered(registered):
+    taking, ending = threading.Event(), threading.Event()
+
+    def take(timeout: float) -> str:
+        taking.set()
+        assert ending.wait(LIMIT)
+        return "a quote"
+
+    seen = []
+    deliverer = Deliverer(registered._native, take, seen.append)
+    assert taking.wait(LIMIT)
+    deliverer.ask_to_stop()
+    ending.set()
+    deliverer.stop()
+    assert seen == ["a quote"]
 
 
 def test_a_callback_of_batches_gets_arrays(registered):

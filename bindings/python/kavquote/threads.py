@@ -52,7 +52,10 @@ class Deliverer:
         self._stop.set()
 
     def stop(self) -> None:
-        """Waits for a callback in progress; inside the callback itself it returns at once."""
+        """Waits for the callback in progress, and for that of what was taken already.
+
+        Inside the callback itself it returns at once.
+        """
         self.ask_to_stop()
         if self._thread is threading.current_thread():
             return
@@ -61,11 +64,9 @@ class Deliverer:
             _logger.error("a callback takes over %g s: look where it hangs", _LONGEST_CALLBACK)
 
     def _run(self) -> None:
-        while True:
+        while not self._stop.is_set():
             item = self._take(_SLICE)
-            if self._stop.is_set():
-                return
-            if item is not None:
+            if item is not None:  # also when it is to end by now: nobody else can take it any more
                 self._call(item)
             elif self._native.ended:
                 return
