@@ -27,8 +27,7 @@ file_counts day_files::counts() const { return m_counts; }
 
 bool day_files::fail(const std::string& path) {
   m_error = fmt::format(
-      "cannot write {}: {}; what was saved before is whole. Free some space or look at the disk, "
-      "or "
+      "cannot write {}: {}; what was saved before is whole. Free some space, look at the disk, or "
       "give another --output",
       path, std::strerror(errno));
   return false;
