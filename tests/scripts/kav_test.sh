@@ -173,6 +173,7 @@ make_checked_project() {
   make_bare_machine
   for source in ninja clang++ clang-format shellcheck; do make_command "$source"; done
   ln -s -f -- "$(command -v git)" "$folder/bin/git"
+  make_command nproc 'echo 1'  # one source after the other
   make_command clang-tidy "printf '%s\n' \"\${!#}\" >>'$folder/looked_at'"
   mkdir -p -- "$folder/project/build/tidy" "$folder/project/tests" "$folder/project/tools"
   cp -R -- "$kav" "${kav%/*}/scripts" "$folder/project"
