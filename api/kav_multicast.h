@@ -2,7 +2,7 @@
 // server: an addition to kav_quote_api.h.
 //
 //   KqsMulticastInfo groups[2] = {...};  // group, port, local interface, exchange
-//   int results[2];
+//   int results[2] = {KAVMulticastNotOpened, KAVMulticastNotOpened};
 //   if (StartKAVMulticast(api, groups, 2, &events, results) != KAVMulticastStarted) {
 //     for (int result : results) puts(KAVMulticastResultText(result));
 //   }
@@ -72,9 +72,11 @@ extern "C" {
 //                           records are expected; lumen records are recognised in every group, and
 //                           "LUMEN" is the name for a group that carries nothing else
 // Texts need no NUL when they fill their field. Returns KAVMulticastStarted, or the reason why no
-// group at all is received; a line to OnLog() of `event` for each group says the same. Unless
-// null, `results` gets one KAVMulticastResult for each group. Waits for a reception that is being
-// stopped; inside a callback of that very reception the result is KAVMulticastAlreadyStarted.
+// group at all is received; a line to OnLog() of `event` tells of each group that is wrong. Unless
+// null, `results` gets one KAVMulticastResult for each group: KAVMulticastNotOpened for all with
+// KAVMulticastAlreadyStarted, and nothing with KAVMulticastInvalidArgument. Waits for a reception
+// that is being stopped; inside a callback of that very reception the result is
+// KAVMulticastAlreadyStarted.
 int StartKAVMulticast(KAVQuoteApi* client, const KqsMulticastInfo* groups, unsigned count,
                       KAVQuoteEvent* event, int* results);
 

@@ -1,4 +1,5 @@
-// Market-data client for Chinese futures: the one public header.
+// Market-data client for Chinese futures: sessions with a quote server. kav_multicast.h adds
+// multicast groups.
 //
 // A program implements KAVQuoteEvent, takes a client from CreateKAVQuoteApi(), connects it, logs
 // in, registers symbols and receives quotes:
@@ -62,7 +63,8 @@ struct KqsMulticastInfo {
 };
 
 // One quote, whatever its source. Zero (0, 0.0, an empty text) means that there is no value.
-// Prices are in the instrument's price unit, volumes are lots; texts are NUL-terminated.
+// Prices are in the instrument's price unit, volumes are lots. Texts end with a NUL where they are
+// shorter than their field; one that fills it has none: read them with strnlen().
 // Packed: read fields by value, a reference to one would be misaligned.
 struct KAVMarketDepthQuoteData {
   char TradingDay[9];           //   0  YYYYMMDD
@@ -211,8 +213,8 @@ class KAVQuoteApi {
   virtual ~KAVQuoteApi() {}
 
   // Connects to the first endpoint of the list; the others are not tried. Waits until the
-  // connection stands or failed (the system's connect time limit). True: connected, or nothing done
-  // because the client already was; false: invalid arguments or no connection, OnLog() says why.
+  // connection stands or failed, 20 s at most. True: connected, or nothing done because the client
+  // already was; false: invalid arguments or no connection, OnLog() says why.
   virtual bool ConnServer(std::vector<KqsTcpInfo>& servers, KAVQuoteEvent* event) = 0;
   virtual bool ConnServer(KqsTcpInfo& server, KAVQuoteEvent* event) = 0;
   // Returns 0 and does nothing in this version; kav_multicast.h receives multicast groups.
@@ -224,7 +226,8 @@ class KAVQuoteApi {
   virtual int QuerySymbolList() = 0;
   // Adds a symbol to, or takes it from, the wanted ones; the library keeps the server informed,
   // after reconnections too. Symbols longer than 19 characters are cut; one that is not in the
-  // symbol list is dropped without a word. Return 0.
+  // symbol list is dropped without a word. `type` is not looked at, the one of the symbol list goes
+  // to the server: KavKqsIntrumentTypeNone will do. Return 0.
   virtual int RegisterSymbol(KavKqsIntrumentType type, const char* symbol) = 0;
   virtual int UnregisterSymbol(KavKqsIntrumentType type, const char* symbol) = 0;
   // Ends a logged-in session and waits for its worker thread, ten seconds at most; from inside a
@@ -235,8 +238,8 @@ class KAVQuoteApi {
 // A new client, never null; std::bad_alloc when there is no memory. Free it with
 // DestroyKAVQuoteApi().
 extern "C" KAVQuoteApi* CreateKAVQuoteApi();
-// Ends the session and deletes the client; null is ignored. Once it returns, no thread of the
-// library calls the caller's object again. From inside a callback of that client it waits only for
-// callbacks that other threads are in, half a second at most; none begins afterwards, and the
-// client goes when the callback has returned.
+// Ends the session and deletes the client; null is ignored. Once it returns, no call of the
+// caller's object begins any more; it waits for one under way, eleven seconds at most. From inside
+// a callback of that client it waits only for callbacks that other threads are in, half a second at
+// most; none begins afterwards, and the client goes when the callback has returned.
 extern "C" void DestroyKAVQuoteApi(KAVQuoteApi* api);

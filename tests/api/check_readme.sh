@@ -24,6 +24,6 @@ build "$folder/readme.cpp" "$program"
 
 begin_simulator "$simulator" "$folder"
 # The same program with the simulator's port and symbol.
-sed -e "s/9000/$port/" -e "s/IF2509/$symbol/" "$folder/readme.cpp" >"$folder/here.cpp"
+sed -e "s/9000/$port/" -e "s/IF2612/$symbol/" "$folder/readme.cpp" >"$folder/here.cpp"
 build "$folder/here.cpp" "$folder/here"
 expect_printed "$folder" "$folder/here"

@@ -106,6 +106,9 @@ getting_started_ends_with_quotes() {
   : >out
   begin "$(block docs/getting-started.md 4)"
   wait_for_lines out 3 '^[0-9:]{8} IF2612 [0-9.]+$'
+  run "$(block docs/examples.md 1)"
+  run './queue_hand_over 127.0.0.1 9000 5 IF2612'
+  wait_for_lines out 1 '^5 quotes, 0 dropped'
 }
 
 installing_gives_what_cmake_and_pkg_config_find() {
@@ -191,7 +194,7 @@ benchmarks_run_as_the_pages_say() {
 # A block more or less than these has to be run by a test first.
 every_block_is_in_a_test() {
   local page count known
-  known='CONTRIBUTING 1,README 2,architecture 1,getting-started 4,installing 4,multicast 3,performance 2'
+  known='CONTRIBUTING 1,README 2,architecture 1,examples 1,getting-started 4,installing 4,multicast 3,performance 2'
   known+=',promises 1,python 7,recording 2,reliability 1,wire 11'
   for page in "$root"/*.md "$root"/docs/*.md; do
     count=$(($(grep -c '^```' "$page" || true) / 2))
