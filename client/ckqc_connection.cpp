@@ -25,16 +25,23 @@ constexpr int k_stop_polls = 1000;
 constexpr std::chrono::milliseconds k_stop_poll{10};
 constexpr std::chrono::milliseconds k_send_wait{10};  // longest wait for room until a stop is seen
 
-// Clears the flag at the end of the block.
+// Clears the flag at the end of the block, or before.
 class flag_guard {
  public:
   explicit flag_guard(std::atomic<bool>& flag) : m_flag(flag) {}
   flag_guard(const flag_guard&) = delete;
   flag_guard& operator=(const flag_guard&) = delete;
-  ~flag_guard() { m_flag.store(false, std::memory_order_release); }
+  ~flag_guard() {
+    if (!m_cleared) clear();
+  }
+  void clear() {
+    m_cleared = true;
+    m_flag.store(false, std::memory_order_release);
+  }
 
  private:
   std::atomic<bool>& m_flag;
+  bool m_cleared = false;
 };
 
 }  // namespace
@@ -43,26 +50,30 @@ bool Ckqc_tcp::ConnServer(std::vector<KqsTcpInfo>& servers, KAVQuoteEvent* event
   const client_life::visit visit(m_life, client_life::visitor::caller);
   if (!visit) return false;
   if (is_busy()) return true;
-  const flag_guard connecting(m_connecting);
+  flag_guard connecting(m_connecting);
   kqc_connection::retry_closing();
   if (servers.empty() || event == nullptr) return refuse_connect_params();
   reset_register_symbol();
   set_endpoint(servers.front());
   m_event.store(event, std::memory_order_release);
-  return init_tcp_client();
+  const connection_ptr established = establish();
+  connecting.clear();
+  return announce(established);
 }
 
 bool Ckqc_tcp::ConnServer(KqsTcpInfo& server, KAVQuoteEvent* event) {
   const client_life::visit visit(m_life, client_life::visitor::caller);
   if (!visit) return false;
   if (is_busy()) return true;
-  const flag_guard connecting(m_connecting);
+  flag_guard connecting(m_connecting);
   kqc_connection::retry_closing();
   reset_register_symbol();
   set_endpoint(server);
   m_event.store(event, std::memory_order_release);
   if (event == nullptr) return refuse_connect_params();
-  return init_tcp_client();
+  const connection_ptr established = establish();
+  connecting.clear();
+  return announce(established);
 }
 
 int Ckqc_tcp::InitMulticast(std::vector<KqsMulticastInfo>&, KAVQuoteEvent*) { return 0; }
@@ -95,7 +106,10 @@ KqsTcpInfo Ckqc_tcp::endpoint() {
   return m_endpoint;
 }
 
-bool Ckqc_tcp::init_tcp_client() {
+bool Ckqc_tcp::init_tcp_client() { return announce(establish()); }
+
+// A connection that stands, with the status that says so; null when there is none.
+Ckqc_tcp::connection_ptr Ckqc_tcp::establish() {
   close_connection_before();
   const KqsTcpInfo server = endpoint();
   const connection_ptr connection = open_connection(server, kqc_connection::k_setting_up);
@@ -103,12 +117,19 @@ bool Ckqc_tcp::init_tcp_client() {
     write_log(LogLevelError, "[QuoteClient] init connect server failed. server ip: %s, port: %d.",
               server.m_ServerIp, int{server.m_ServerPort});
     take_connection();
-    return false;
+    return nullptr;
   }
   m_status.store(KqcStatusConnected, std::memory_order_release);
   connection->set_phase(kqc_connection::k_connected);
+  return connection;
+}
+
+// While the caller is in OnServerConnected() the connection may be lost again, and he may connect
+// anew on another thread.
+bool Ckqc_tcp::announce(const connection_ptr& established) {
+  if (established == nullptr) return false;
   if (const event_call receiver{*this}) receiver->OnServerConnected();
-  connection->set_phase(kqc_connection::k_announced);
+  established->set_phase(kqc_connection::k_announced);
   return true;
 }
 
@@ -169,11 +190,11 @@ bool Ckqc_tcp::send_logon_req() {
 }
 
 unsigned int Ckqc_tcp::on_login_resp(const char* data, unsigned int length) {
-  return handle_login_resp(data, length, nullptr);
+  return handle_login_resp(data, length, 0);
 }
 
 unsigned int Ckqc_tcp::handle_login_resp(const char* data, unsigned int length,
-                                         const kqc_connection* from) {
+                                         std::uint32_t from) {
   kqs_login_resp msg;
   if (data == nullptr || length < sizeof(msg)) return 0;
   std::memcpy(&msg, data, sizeof(msg));
@@ -204,11 +225,15 @@ void Ckqc_tcp::on_relogin_resp(char result) {
             accepted ? "success" : "failed", server.m_ServerIp, int{server.m_ServerPort});
 }
 
-void Ckqc_tcp::start_worker(const kqc_connection* from) {
-  if (!is_held(from)) return;  // lost meanwhile, and the caller has been told
-  // The flag first: whatever the server sends next finds a worker running.
-  if (m_thread_running.exchange(true, std::memory_order_acq_rel)) return;
-  m_stop.store(false, std::memory_order_release);
+void Ckqc_tcp::start_worker(std::uint32_t from) {
+  {
+    const mutex_locker guard(m_connection_lock);
+    if (!is_held(from)) return;  // lost meanwhile, and the caller has been told
+    if (m_thread_running.load(std::memory_order_acquire)) return;
+    m_stop.store(false, std::memory_order_release);  // before the flag, or a stop might be lost
+    // Whatever the server sends next finds a worker running.
+    m_thread_running.store(true, std::memory_order_release);
+  }
   m_life->expect_visitor();
   unsigned long id = 0;
   if (VORLAN::SOCK::vl_create_thread(worker_entry, this, id) != 0) return;
@@ -218,7 +243,7 @@ void Ckqc_tcp::start_worker(const kqc_connection* from) {
   end_without_worker("no thread available", drop_connection(from));
 }
 
-void Ckqc_tcp::refuse_login(char result, const char* reason, const kqc_connection* from) {
+void Ckqc_tcp::refuse_login(char result, const char* reason, std::uint32_t from) {
   const KqsTcpInfo server = endpoint();
   const bool dropped = drop_connection(from);
   write_log(LogLevelError, "[QuoteClient] login failed, result: %c,  server ip: %s, port: %d.",
@@ -257,21 +282,26 @@ void Ckqc_tcp::stop_worker() {
   write_log(LogLevelError, "[QuoteClient]stop thread timeout");
 }
 
-void Ckqc_tcp::async_close_tcp_client() { drop_connection(nullptr); }
+void Ckqc_tcp::async_close_tcp_client() { drop_connection(0); }
 
-bool Ckqc_tcp::is_held(const kqc_connection* which) {
-  return which == nullptr || held_connection().get() == which;
+bool Ckqc_tcp::is_held(std::uint32_t which) const {
+  return which == 0 || (m_connection != nullptr && m_connection->serial() == which);
 }
 
-// Gives the held connection to a closing thread; with `which`, only if that is the one held (false
-// else, and nothing happens).
-bool Ckqc_tcp::drop_connection(const kqc_connection* which) {
+// Takes the connection away if it is the one held; false else, and nothing happens.
+bool Ckqc_tcp::take_out(std::uint32_t which, connection_ptr& out) {
+  if (!is_held(which)) return false;
+  out.swap(m_connection);
+  m_status.store(KqcStatusNone, std::memory_order_release);
+  return true;
+}
+
+// The same, and gives it to a closing thread.
+bool Ckqc_tcp::drop_connection(std::uint32_t which) {
   connection_ptr dropped;
   {
     const mutex_locker guard(m_connection_lock);
-    if (which != nullptr && m_connection.get() != which) return false;
-    dropped.swap(m_connection);
-    m_status.store(KqcStatusNone, std::memory_order_release);
+    if (!take_out(which, dropped)) return false;
   }
   if (dropped != nullptr) kqc_connection::close_later(std::move(dropped));
   return true;
@@ -302,8 +332,8 @@ Ckqc_tcp::connection_ptr Ckqc_tcp::make_connection() {
 
 // Has a newer connection been made since `from`? One that is merely closed still has its say: a
 // close may overtake the answer that was sent before it.
-bool Ckqc_tcp::is_left_over(const kqc_connection* from) const {
-  return from != nullptr && from->serial() != m_last_serial.load(std::memory_order_acquire);
+bool Ckqc_tcp::is_left_over(std::uint32_t from) const {
+  return from != 0 && from != m_last_serial.load(std::memory_order_acquire);
 }
 
 Ckqc_tcp::connection_ptr Ckqc_tcp::held_connection() {

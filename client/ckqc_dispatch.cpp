@@ -16,11 +16,11 @@ void fill_field(char (&field)[N], const char* text) {
 }  // namespace
 
 unsigned int Ckqc_tcp::on_tcp_client_data_recv(const char* data, unsigned int length) {
-  return dispatch(data, length, nullptr);
+  return dispatch(data, length, 0);
 }
 
-// `from`: the connection that the bytes came over, null for whichever is held.
-unsigned int Ckqc_tcp::dispatch(const char* data, unsigned int length, const kqc_connection* from) {
+// `from`: the connection that the bytes came over.
+unsigned int Ckqc_tcp::dispatch(const char* data, unsigned int length, std::uint32_t from) {
   if (data == nullptr || length == 0) return 0;
   switch (data[0]) {
     case k_kqs_quote:

@@ -113,7 +113,7 @@ int Ckqc_tcp::cache_callback(socket_param& param, void* client) {
   return client == nullptr ? 0 : static_cast<Ckqc_tcp*>(client)->on_cache_callback(param);
 }
 
-int Ckqc_tcp::on_cache_callback(socket_param& param) { return handle_event(param, nullptr); }
+int Ckqc_tcp::on_cache_callback(socket_param& param) { return handle_event(param, 0); }
 
 int Ckqc_tcp::on_connection_event(socket_param& param, kqc_connection& from) {
   const bool lost = param.get_event_type() == VORLAN::SOCK::EVENT_REMOTE_DISCONNECT;
@@ -121,10 +121,10 @@ int Ckqc_tcp::on_connection_event(socket_param& param, kqc_connection& from) {
     // A refusal that the server sent before it closed is the reason that the caller wants to hear.
     from.tcp().wait_offered(k_last_words_limit);
   }
-  return handle_event(param, &from);
+  return handle_event(param, from.serial());
 }
 
-int Ckqc_tcp::handle_event(socket_param& param, const kqc_connection* from) {
+int Ckqc_tcp::handle_event(socket_param& param, std::uint32_t from) {
   switch (param.get_event_type()) {
     case VORLAN::SOCK::EVENT_CONNECT:
       write_log(LogLevelDebug, "[on_cache_callback] EVENT_CONNECT");
@@ -145,22 +145,32 @@ int Ckqc_tcp::handle_event(socket_param& param, const kqc_connection* from) {
   return 0;
 }
 
-void Ckqc_tcp::on_connection_lost(const kqc_connection* from) {
-  const bool running = m_thread_running.load(std::memory_order_acquire);
+void Ckqc_tcp::on_connection_lost(std::uint32_t from) {
   write_log(LogLevelDebug, "[on_cache_callback] EVENT_REMOTE_DISCONNECT,thd_is_run:%d",
-            int{running});
-  if (running) {
-    queue_loss(kqc_event_reconnect, from);
-  } else if (drop_connection(from)) {
-    tell_disconnected();
+            int{m_thread_running.load(std::memory_order_acquire)});
+  deal_with_loss(kqc_event_reconnect, from);
+}
+
+// The worker mends it; without one the session ends here.
+void Ckqc_tcp::deal_with_loss(kqc_event_kind kind, std::uint32_t from) {
+  connection_ptr dropped;
+  bool for_worker = false, ended = false;
+  {
+    // A worker that starts meanwhile would live on with a connection that nobody mends.
+    const mutex_locker guard(m_connection_lock);
+    for_worker = m_thread_running.load(std::memory_order_acquire);
+    ended = !for_worker && take_out(from, dropped);
   }
+  if (for_worker) queue_loss(kind, from);
+  if (dropped != nullptr) kqc_connection::close_later(std::move(dropped));
+  if (ended) tell_disconnected();
 }
 
 void Ckqc_tcp::tell_disconnected() const {
   tell([](KAVQuoteEvent& event) { event.OnServerDisconnected(); });
 }
 
-void Ckqc_tcp::on_data(socket_param& param, const kqc_connection* from) {
+void Ckqc_tcp::on_data(socket_param& param, std::uint32_t from) {
   const unsigned size = param.get_buff_size();
   const char* const data = param.get_buff_addr();
   if (is_left_over(from)) {
@@ -171,14 +181,14 @@ void Ckqc_tcp::on_data(socket_param& param, const kqc_connection* from) {
   if (consumed == k_broken_stream) {
     write_log(LogLevelError, "[QuoteClient] reveive error length msg.");
     param.set_proc_len(size);
-    on_broken_stream(from);
+    deal_with_loss(kqc_event_bad_stream, from);
   } else {
     param.set_proc_len(consumed);
   }
 }
 
 // How many bytes the messages took.
-unsigned Ckqc_tcp::cut_messages(const char* data, unsigned size, const kqc_connection* from) try {
+unsigned Ckqc_tcp::cut_messages(const char* data, unsigned size, std::uint32_t from) try {
   const event_call receiver{*this};  // of all quotes in a row
   unsigned consumed = 0;
   while (data != nullptr && consumed < size) {
@@ -193,12 +203,4 @@ unsigned Ckqc_tcp::cut_messages(const char* data, unsigned size, const kqc_conne
 } catch (const std::bad_alloc&) {
   write_log(LogLevelError, "[QuoteClient] out of memory, connection given up.");
   throw;  // the connection throws the rest away and reports its loss
-}
-
-void Ckqc_tcp::on_broken_stream(const kqc_connection* from) {
-  if (m_thread_running.load(std::memory_order_acquire)) {
-    queue_loss(kqc_event_bad_stream, from);
-  } else if (drop_connection(from)) {
-    tell_disconnected();
-  }
 }

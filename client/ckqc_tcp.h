@@ -167,37 +167,41 @@ class Ckqc_tcp : public KAVQuoteApi {
   bool tell(CALL call) const;
   bool has_event() const;
 
-  // Connections.
+  // Connections. A serial names one, 0 whichever is held: what the caller's callbacks return to may
+  // have been freed meanwhile.
   connection_ptr make_connection();
   connection_ptr open_connection(const KqsTcpInfo& server, kqc_connection::setup_phase phase);
+  connection_ptr establish();
+  bool announce(const connection_ptr& established);
   void close_connection_before();
-  bool is_left_over(const kqc_connection* from) const;
+  bool is_left_over(std::uint32_t from) const;
   connection_ptr held_connection();
   connection_ptr take_connection();
-  bool drop_connection(const kqc_connection* which);
-  bool is_held(const kqc_connection* which);
+  bool is_held(std::uint32_t which) const KAV_REQUIRES(m_connection_lock);
+  bool take_out(std::uint32_t which, connection_ptr& out) KAV_REQUIRES(m_connection_lock);
+  bool drop_connection(std::uint32_t which);
   void cancel_connecting();
   int send_now(const void* data, int length);
   int send_whole(const void* data, int length);
 
   // Events.
-  int handle_event(VORLAN::SOCK::socket_param& param, const kqc_connection* from);
-  void on_connection_lost(const kqc_connection* from);
-  void on_data(VORLAN::SOCK::socket_param& param, const kqc_connection* from);
-  unsigned cut_messages(const char* data, unsigned size, const kqc_connection* from);
-  void on_broken_stream(const kqc_connection* from);
-  unsigned int dispatch(const char* data, unsigned int length, const kqc_connection* from);
+  int handle_event(VORLAN::SOCK::socket_param& param, std::uint32_t from);
+  void on_connection_lost(std::uint32_t from);
+  void deal_with_loss(kqc_event_kind kind, std::uint32_t from);
+  void on_data(VORLAN::SOCK::socket_param& param, std::uint32_t from);
+  unsigned cut_messages(const char* data, unsigned size, std::uint32_t from);
+  unsigned int dispatch(const char* data, unsigned int length, std::uint32_t from);
   static unsigned int deliver_quote(const char* data, unsigned int length, const event_call& to);
-  unsigned int handle_login_resp(const char* data, unsigned int length, const kqc_connection* from);
+  unsigned int handle_login_resp(const char* data, unsigned int length, std::uint32_t from);
   void on_relogin_resp(char result);
-  void start_worker(const kqc_connection* from);
-  void refuse_login(char result, const char* reason, const kqc_connection* from);
+  void start_worker(std::uint32_t from);
+  void refuse_login(char result, const char* reason, std::uint32_t from);
   void end_without_worker(const char* reason, bool dropped);
   void tell_disconnected() const;
 
   // Queue.
   void queue_item(item_ptr item);
-  void queue_loss(kqc_event_kind kind, const kqc_connection* from);
+  void queue_loss(kqc_event_kind kind, std::uint32_t from);
   item_ptr take_front_item();
   std::optional<kqc_data_and_event> take_unqueued_loss();
 
@@ -243,9 +247,10 @@ class Ckqc_tcp : public KAVQuoteApi {
   // Polled by every thread, without a lock.
   std::atomic<KAVQuoteEvent*> m_event{nullptr};       // set by the caller's thread in ConnServer()
   std::atomic<std::int32_t> m_status{KqcStatusNone};  // KqcStatus
-  std::atomic<bool> m_connecting{false};              // a ConnServer() is at work
-  std::atomic<bool> m_thread_running{false};  // set before the worker exists, cleared as it ends
-  std::atomic<bool> m_stop{false};            // asks the worker to end
+  std::atomic<bool> m_connecting{false};              // a ConnServer() has no connection yet
+  // Set under m_connection_lock before the worker exists, cleared as it ends.
+  std::atomic<bool> m_thread_running{false};
+  std::atomic<bool> m_stop{false};                // asks the worker to end
   std::atomic<std::int32_t> m_relogin_result{0};  // 0 none yet, 1 accepted, -1 refused
   std::atomic<bool> m_symbol_list_ready{false};   // set by the end-of-list message
   VORLAN::SOCK::wake_event

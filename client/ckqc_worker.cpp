@@ -20,6 +20,11 @@ constexpr int k_reconnect_tries = 10;       // failed re-logins for each loss
 constexpr int k_heartbeat_divisor = 5;
 constexpr unsigned k_send_failed = 0xFFFFFFFF;
 
+// 0: of whichever is held.
+std::uint32_t serial_of(const std::shared_ptr<kqc_connection>& connection) {
+  return connection == nullptr ? 0 : connection->serial();
+}
+
 }  // namespace
 
 void Ckqc_tcp::item_deleter::operator()(kqc_data_and_event* item) const {
@@ -64,7 +69,7 @@ bool Ckqc_tcp::_th_step(std::int64_t start) try {
 // The caller had no memory in one of his callbacks: nobody knows what he has missed.
 void Ckqc_tcp::_th_give_connection_up() {
   write_log(LogLevelError, "[QuoteClient] out of memory, connection given up.");
-  queue_loss(kqc_event_reconnect, held_connection().get());
+  queue_loss(kqc_event_reconnect, serial_of(held_connection()));
 }
 
 bool Ckqc_tcp::_th_confirm_login() {
@@ -143,7 +148,7 @@ Ckqc_tcp::loss_outcome Ckqc_tcp::_th_mend_loss() {
 // The queue has been emptied; a loss of the new connection must not go with it.
 void Ckqc_tcp::_th_requeue_fresh_loss() {
   const connection_ptr held = held_connection();
-  if (held != nullptr && held->is_lost()) queue_loss(kqc_event_reconnect, held.get());
+  if (held != nullptr && held->is_lost()) queue_loss(kqc_event_reconnect, held->serial());
 }
 
 void Ckqc_tcp::_th_idle_step(std::int64_t start) {
@@ -152,7 +157,7 @@ void Ckqc_tcp::_th_idle_step(std::int64_t start) {
   if (pause_ms == k_send_failed) {
     // Treated like a loss of that connection: a send may also have failed because of a stop, and
     // the queue lives on.
-    queue_loss(kqc_event_reconnect, held.get());
+    queue_loss(kqc_event_reconnect, serial_of(held));
     return;
   }
   // The sum, not the difference: the heartbeat goes out in a second whose sum with the start's is
@@ -235,8 +240,8 @@ void Ckqc_tcp::queue_item(item_ptr item) {
   m_queue.push_back(std::move(item));
 }
 
-void Ckqc_tcp::queue_loss(kqc_event_kind kind, const kqc_connection* from) {
-  const kqc_data_and_event loss{kind, nullptr, 0, from == nullptr ? 0 : from->serial()};
+void Ckqc_tcp::queue_loss(kqc_event_kind kind, std::uint32_t from) {
+  const kqc_data_and_event loss{kind, nullptr, 0, from};
   try {
     queue_item(item_ptr(new kqc_data_and_event(loss)));
   } catch (const std::bad_alloc&) {

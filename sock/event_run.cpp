@@ -16,5 +16,10 @@ bool event_run::watch(std::uint32_t events) {
   return ::epoll_ctl(watcher.get(), EPOLL_CTL_MOD, watched.get(), &event) == 0;
 }
 
+void event_run::leave_callback() {
+  event_thread_place from = k_place_in_callback;
+  if (!place.compare_exchange_strong(from, k_place_in_object)) throw abandoned_run{};
+}
+
 }  // namespace SOCK
 }  // namespace VORLAN

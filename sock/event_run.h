@@ -31,6 +31,8 @@ struct event_run {
 
   // Has the epoll instance watch the socket for these events. False: it is closed.
   bool watch(std::uint32_t events);
+  // On the event thread, when the user's code has ended. Throws abandoned_run.
+  void leave_callback();
 
   shared_descriptor socket;
   shared_descriptor epoll;

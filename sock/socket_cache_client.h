@@ -27,7 +27,8 @@ namespace SOCK {
 //            sock_init() and sock_close() by one thread at a time, callbacks included; sock_send()
 //            and clear_data() by any.
 // Shutdown:  sock_close() stops all four. It waits for a callback that is running, without limit
-//            for one on the receive thread. Owners call it before they delete the object.
+//            for one on the receive thread. Owners call it before they delete the object;
+//            inside a callback that is allowed for EVENT_REMOTE_DISCONNECT only.
 // Ownership: the callback's user pointer stays the caller's and outlives the connection.
 class socket_cache_client : public socket_client {
  public:

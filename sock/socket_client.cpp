@@ -406,11 +406,12 @@ void socket_client::lose_connection() try {
 
 bool socket_client::event_loop_step(event_run& run) {
   epoll_event event{};
-  int ready = 0;
+  int ready = 0, error = 0;
   const bool looks_again = run.seen_absence != 0;
   {
     const shared_descriptor::lease epoll(run.epoll);
     ready = ::epoll_wait(epoll.get(), &event, 1, looks_again ? k_absence_wait_ms : k_epoll_wait_ms);
+    error = errno;
   }
   if (run.turn.is_lent()) {
     look_after_loan(run, ready > 0 && (event.events & ~std::uint32_t{EPOLLIN}) != 0);
@@ -422,7 +423,6 @@ bool socket_client::event_loop_step(event_run& run) {
     }
   }
   if (ready < 0) {
-    const int error = errno;
     proc_thread_error(error);
     if (error != EINTR) vl_sleep(k_error_pause_ms);
   }
@@ -546,9 +546,13 @@ void socket_client::call_user(socket_callback cb, socket_param& param, void* use
   }
   event_run& run = *t_run;
   run.place.store(k_place_in_callback);
-  cb(param, user);
-  event_thread_place place = k_place_in_callback;
-  if (!run.place.compare_exchange_strong(place, k_place_in_object)) throw abandoned_run{};
+  try {
+    cb(param, user);
+  } catch (const std::bad_alloc&) {
+    run.leave_callback();
+    throw;
+  }
+  run.leave_callback();
 }
 
 int socket_client::sock_send(const char* data, int len) {

@@ -1,9 +1,14 @@
 #include "sock/socket_context.h"
 
+#include <poll.h>    // poll
+#include <unistd.h>  // STDOUT_FILENO
+
 #include <cerrno>   // errno
 #include <csignal>  // pthread_sigmask, sigtimedwait
 #include <cstdio>   // printf
 #include <cstring>  // strlen
+
+#include "sock/vorlan_socket_thread.h"
 
 namespace VORLAN {
 namespace SOCK {
@@ -34,6 +39,41 @@ class pipe_signal_guard {
   sigset_t m_pipe{}, m_before{};
 };
 
+constexpr int k_stream_polls = 100;  // for somebody else's line, 1 ms each
+
+// The lock of standard output, which a thread of the host may have for as long as nobody reads what
+// that writes.
+class stream_lock {
+ public:
+  stream_lock() {
+    for (int polls = 0; !m_held && polls < k_stream_polls; ++polls) {
+      m_held = ::ftrylockfile(stdout) == 0;
+      if (!m_held) vl_sleep(1);
+    }
+  }
+  stream_lock(const stream_lock&) = delete;
+  stream_lock& operator=(const stream_lock&) = delete;
+  ~stream_lock() {
+    if (m_held) ::funlockfile(stdout);
+  }
+  bool is_held() const { return m_held; }
+
+ private:
+  bool m_held = false;
+};
+
+bool output_takes_a_line() {
+  pollfd output{STDOUT_FILENO, POLLOUT, 0};
+  return ::poll(&output, 1, 0) == 1;
+}
+
+// A line that nobody takes is left out: who waits for its writer would wait for ever.
+void print(const char* text) {
+  const pipe_signal_guard guard;
+  const stream_lock stream;
+  if (stream.is_held() && output_takes_a_line()) std::printf("%s", text);
+}
+
 }  // namespace
 
 socket_context::~socket_context() = default;
@@ -43,8 +83,7 @@ void write_log_text(socket_context* context, const char* text) {
   if (context != nullptr) {
     context->log_text(text, static_cast<int>(std::strlen(text)));
   } else {
-    const pipe_signal_guard guard;
-    std::printf("%s", text);
+    print(text);
   }
 }
 

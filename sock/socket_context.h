@@ -12,7 +12,8 @@ class socket_context {
   virtual void log_text(const char* text, int length) = 0;
 };
 
-// Writes `text` to the context, or to standard output when there is none.
+// Writes `text` to the context, or to standard output when there is none; leaves it out when that
+// takes nothing, such as a full pipe.
 void write_log_text(socket_context* context, const char* text);
 
 }  // namespace SOCK

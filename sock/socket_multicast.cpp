@@ -242,10 +242,41 @@ struct socket_multicast::shared_state {
   open_failure failure KAV_GUARDED_BY(lock);             // of the last sock_init()
   std::set<int> own_sockets KAV_GUARDED_BY(lock);  // every number that a unit's socket ever had
 
-  // Any thread.
+  // Starting, stopping and leaving happen one at a time, so that who starts knows whether the
+  // thread that is there stays. Read by any thread without the lock.
+  mutex_lock life_lock;
   std::atomic<bool> stop{false};
-  std::atomic<int> stop_waiters{0};  // threads that wait for the end: nobody may start it again
-  std::atomic<bool> ended{true};     // cleared before the thread exists, set as its last touch
+  int stop_waiters KAV_GUARDED_BY(life_lock) = 0;  // for the end: nobody may start it again
+  std::atomic<bool> ended{true};  // cleared before the thread exists, set as its last touch
+
+  enum class start_result { refused, runs, wants_thread };
+  start_result start(bool on_own_thread) {
+    const mutex_locker guard(life_lock);
+    if (stop_waiters > 0) return start_result::refused;  // who waits for the end comes first
+    stop.store(false);
+    if (on_own_thread || !ended.load()) return start_result::runs;
+    ended.store(false);
+    place.store(k_place_not_started);
+    return start_result::wants_thread;
+  }
+  void begin_to_wait_for_end() {
+    const mutex_locker guard(life_lock);
+    ++stop_waiters;
+    stop.store(true);
+  }
+  void end_waiting() {
+    const mutex_locker guard(life_lock);
+    --stop_waiters;
+  }
+  // Event thread, when it has seen the stop: false, and that has been taken back.
+  bool leave() {
+    const mutex_locker guard(life_lock);
+    if (!stop.load() && !is_abandoned()) return false;
+    ended.store(true);  // last touch: the owner may delete the object
+    return true;
+  }
+
+  // Any thread.
   std::atomic<bool> object_gone{false};
   std::atomic<event_thread_place> place{k_place_not_started};
 
@@ -383,8 +414,7 @@ socket_multicast::socket_multicast() : m_shared(std::make_shared<shared_state>()
 socket_multicast::~socket_multicast() {
   shared_state& shared = *m_shared;
   shared.object_gone.store(true);
-  shared.stop_waiters.fetch_add(1);  // for ever: it may not start again
-  shared.stop.store(true);
+  shared.begin_to_wait_for_end();  // for ever: it may not start again
   if (t_shared == &shared) {
     shared.place.store(k_place_abandoned);  // deleted by the callback that this thread is in
   } else {
@@ -558,14 +588,11 @@ int socket_multicast::colse_all_connect() { return 0; }
 
 bool socket_multicast::start_server_event_thread() {
   shared_state& shared = *m_shared;
-  shared.stop.store(false);
-  if (shared.stop_waiters.load() > 0) {  // somebody is waiting for the end, and comes first
-    shared.stop.store(true);
-    return false;
+  // A callback that closes and opens goes on with the same thread.
+  const shared_state::start_result result = shared.start(t_shared == &shared);
+  if (result != shared_state::start_result::wants_thread) {
+    return result == shared_state::start_result::runs;
   }
-  // It runs, or this is it: a callback that closes and opens goes on with the same thread.
-  if (t_shared == &shared || !shared.ended.exchange(false)) return true;
-  shared.place.store(k_place_not_started);
   if (create_event_thread()) return true;
   shared.ended.store(true);
   return false;
@@ -587,10 +614,9 @@ bool socket_multicast::stop_server_event_thread() {
     shared.stop.store(true);
     return true;
   }
-  shared.stop_waiters.fetch_add(1);
-  shared.stop.store(true);
+  shared.begin_to_wait_for_end();
   wait_thread_ended(false);
-  shared.stop_waiters.fetch_sub(1);
+  shared.end_waiting();
   return true;
 }
 
@@ -635,7 +661,7 @@ void socket_multicast::on_socket_server_event_thread() {
   t_shared = shared.get();
   wait_errors errors;
   bool stays = true;
-  while (stays) {
+  while (stays || !shared->leave()) {
     try {
       stays = event_loop_step(*shared, errors);
     } catch (const std::bad_alloc&) {  // one datagram is lost, as when the system lacks a buffer
@@ -644,7 +670,6 @@ void socket_multicast::on_socket_server_event_thread() {
     }
   }
   t_shared = nullptr;
-  shared->ended.store(true);  // last touch: the owner may delete us
 }
 
 // False: the thread ends, and the object may be gone.

@@ -18,6 +18,9 @@ kav_add_test(reconnect_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/reconnect_test.cpp
 kav_add_test(host_promises_test
              SOURCES ${CMAKE_CURRENT_LIST_DIR}/host_promises_test.cpp
              LIBRARIES kav_session_support)
+kav_add_test(late_callback_test
+             SOURCES ${CMAKE_CURRENT_LIST_DIR}/late_callback_test.cpp
+             LIBRARIES kav_session_support)
 kav_add_test(destroy_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/destroy_test.cpp
              LIBRARIES kav_session_support)
 kav_add_test(password_memory_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/password_memory_test.cpp

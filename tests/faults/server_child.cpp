@@ -1,9 +1,11 @@
 #include "tests/faults/server_child.h"
 
-#include <fcntl.h>     // O_CLOEXEC, O_WRONLY
-#include <spawn.h>     // posix_spawn
-#include <sys/wait.h>  // waitpid
-#include <unistd.h>    // pipe2, close
+#include <fcntl.h>       // O_CLOEXEC, O_WRONLY
+#include <netinet/in.h>  // sockaddr_in
+#include <spawn.h>       // posix_spawn
+#include <sys/socket.h>  // socket, bind
+#include <sys/wait.h>    // waitpid
+#include <unistd.h>      // pipe2, close
 
 #include <csignal>  // kill
 #include <cstdio>   // fdopen, fscanf
@@ -26,7 +28,31 @@ unsigned short port_told(int fd) {
 
 }  // namespace
 
+server_child::~server_child() {
+  kill_it();
+  release_port();
+}
+
+void server_child::hold_port() {
+  m_held = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int on = 1;  // connections of the server that was killed may linger
+  ::setsockopt(m_held, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(m_port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (::bind(m_held, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    release_port();
+  }
+}
+
+void server_child::release_port() {
+  if (m_held >= 0) ::close(m_held);
+  m_held = -1;
+}
+
 bool server_child::start() {
+  release_port();
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) return false;
   posix_spawn_file_actions_t files;
@@ -51,6 +77,7 @@ void server_child::kill_it() {
   ::kill(m_child, SIGKILL);
   ::waitpid(m_child, nullptr, 0);
   m_child = -1;
+  hold_port();
 }
 
 }  // namespace kav_faults

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <algorithm>   // std::count_if
-#include <atomic>      // std::atomic
 #include <chrono>      // std::chrono::milliseconds
 #include <functional>  // std::function
 #include <mutex>       // std::mutex
@@ -12,6 +11,7 @@
 
 #include "sock/socket_context.h"
 #include "sock/socket_param.h"
+#include "tests/support/gate.h"
 #include "tests/support/process_view.h"
 #include "tests/support/wait_until.h"
 
@@ -141,23 +141,6 @@ class recorded_log : public VORLAN::SOCK::socket_context {
 inline bool wait_library_threads(const std::vector<std::string>& names) {
   return wait_until([&] { return library_threads() == names; }, k_soon);
 }
-
-// A gate that a callback can be kept in.
-class gate {
- public:
-  void open() { m_open.store(true); }
-  // Returns when it has been opened, after two minutes at the latest.
-  void pass() {
-    m_reached.store(true);
-    wait_until([this] { return m_open.load(); }, std::chrono::milliseconds(120'000));
-  }
-  bool wait_reached() const {
-    return wait_until([this] { return m_reached.load(); }, k_soon);
-  }
-
- private:
-  std::atomic<bool> m_open{false}, m_reached{false};
-};
 
 inline std::chrono::milliseconds time_of(const std::function<void()>& action) {
   const auto start = std::chrono::steady_clock::now();

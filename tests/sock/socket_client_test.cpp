@@ -18,6 +18,7 @@
 #include <cstring>    // strerror
 #include <limits>     // std::numeric_limits
 #include <memory>     // std::unique_ptr
+#include <new>        // std::bad_alloc
 #include <random>     // std::mt19937
 #include <thread>     // std::thread
 
@@ -937,7 +938,41 @@ TEST_F(socket_client_test, a_client_deleted_unclosed_leaves_the_connection_with_
   EXPECT_EQ((event_list{EVENT_CONNECT}), m_events.types());
 }
 
+TEST_P(delete_in_callback_test, a_callback_may_throw_bad_alloc_when_it_has_deleted_its_client) {
+  std::atomic<bool> deleted{false};
+  m_events.set_hook([&](socket_param& param) {
+    if (param.get_event_type() != GetParam()) return;
+    m_client->sock_close();
+    m_client.reset();
+    deleted.store(true);
+    throw std::bad_alloc{};
+  });
+  ASSERT_TRUE(connect());
+  m_connection = m_peer.accept();
+  m_connection.write("x");
+  if (GetParam() == EVENT_REMOTE_DISCONNECT) m_connection.close_with_fin();
+  ASSERT_TRUE(wait_until([&] { return deleted.load(); }, k_soon));
+  EXPECT_TRUE(wait_library_threads({}));
+}
+
 // ---- A callback that does not return
+
+TEST_F(socket_client_test, a_callback_that_throws_bad_alloc_after_its_client_has_gone_ends_alone) {
+  gate inside;
+  m_events.set_hook([&](socket_param& param) {
+    if (param.get_event_type() != EVENT_RECEIVE) return;
+    inside.pass();
+    throw std::bad_alloc{};
+  });
+  connect_and_accept();
+  m_connection.write("block");
+  ASSERT_TRUE(inside.wait_reached());
+  m_client->sock_close();
+  m_client.reset();
+  inside.open();
+  EXPECT_TRUE(wait_library_threads({}));
+  EXPECT_EQ((event_list{EVENT_CONNECT, EVENT_RECEIVE, EVENT_LOCALE_DISCONNECT}), m_events.types());
+}
 
 TEST_F(socket_client_test, a_callback_that_blocks_holds_sock_close_for_about_5_s_only) {
   gate inside;

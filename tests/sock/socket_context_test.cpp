@@ -3,11 +3,12 @@
 
 #include <fcntl.h>  // O_CLOEXEC
 #include <gtest/gtest.h>
-#include <unistd.h>  // pipe2
+#include <unistd.h>  // pipe2, alarm
 
 #include <csignal>  // SIGPIPE
 #include <cstdio>   // setvbuf
 #include <cstdlib>  // _Exit
+#include <thread>   // std::thread
 
 #include "sock/socket_client.h"
 #include "tests/sock/event_recorder.h"
@@ -25,6 +26,17 @@ bool break_standard_output() {
   if (std::setvbuf(stdout, nullptr, _IONBF, 0) != 0 || ::pipe2(ends, O_CLOEXEC) != 0) return false;
   ::close(ends[0]);
   return ::dup2(ends[1], STDOUT_FILENO) >= 0 && ::signal(SIGPIPE, SIG_DFL) != SIG_ERR;
+}
+
+// From now on standard output is a pipe that somebody holds open, but does not read, and that is
+// full.
+bool block_standard_output() {
+  int ends[2] = {-1, -1};
+  if (std::setvbuf(stdout, nullptr, _IONBF, 0) != 0) return false;
+  if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return false;
+  while (::write(ends[1], "x", 1) == 1) continue;
+  const bool waits = ::fcntl(ends[1], F_SETFL, 0) == 0;
+  return waits && ::dup2(ends[1], STDOUT_FILENO) >= 0;
 }
 
 sigset_t blocked_signals() {
@@ -67,6 +79,35 @@ outcome fail_to_bind() {
   outcome result = break_standard_output() ? fail_to_bind() : NOT_BROKEN;
   if (result == SURVIVED && !is_pipe_signal_pending()) result = LOST_PENDING;
   std::_Exit(result);
+}
+
+constexpr unsigned k_patience_s = 20;
+
+[[noreturn]] void write_to_a_full_pipe() {
+  ::alarm(k_patience_s);  // ends a line that waits
+  std::_Exit(block_standard_output() ? fail_to_bind() : NOT_BROKEN);
+}
+
+// A thread of the host waits in its own output, with the lock of the stream.
+[[noreturn]] void write_beside_a_host_that_waits() {
+  ::alarm(k_patience_s);
+  if (!block_standard_output()) std::_Exit(NOT_BROKEN);
+  std::thread host([] { std::printf("a line of the host's\n"); });
+  const auto stream_is_locked = [] {
+    if (ftrylockfile(stdout) != 0) return true;
+    funlockfile(stdout);
+    return false;
+  };
+  if (!wait_until(stream_is_locked, kav_test::k_soon)) std::_Exit(NOT_BROKEN);
+  std::_Exit(fail_to_bind());
+}
+
+TEST(socket_log_lines, a_standard_output_that_is_full_holds_nobody_up) {
+  EXPECT_EXIT(write_to_a_full_pipe(), testing::ExitedWithCode(SURVIVED), "");
+}
+
+TEST(socket_log_lines, a_host_that_waits_in_its_own_output_holds_nobody_up) {
+  EXPECT_EXIT(write_beside_a_host_that_waits(), testing::ExitedWithCode(SURVIVED), "");
 }
 
 TEST(socket_log_lines, a_standard_output_that_nobody_reads_raises_no_signal) {

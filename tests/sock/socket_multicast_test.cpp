@@ -939,6 +939,25 @@ TEST_F(socket_multicast_test, an_interrupted_wait_is_told_once_and_goes_on) {
             m_log.lines());
 }
 
+TEST_F(socket_multicast_test, a_start_at_any_moment_of_a_stop_is_not_lost) {
+  constexpr int k_rounds = 1500;
+  const int id = add(1);
+  std::atomic<int> stops{0};
+  m_events.set_hook([&](socket_param&) {
+    m_receiver->stop_server_event_thread();
+    stops.fetch_add(1);
+  });
+  ASSERT_TRUE(open_both());
+  for (int round = 0; round < k_rounds; ++round) {
+    ASSERT_TRUE(send("x", id));
+    const auto deadline = std::chrono::steady_clock::now() + k_soon;
+    while (stops.load() == round && std::chrono::steady_clock::now() < deadline) continue;
+    ASSERT_EQ(round + 1, stops.load()) << "nobody receives since the last start";
+    for (volatile int wait = round % 500; wait > 0;) wait = wait - 1;
+    ASSERT_TRUE(m_receiver->start_server_event_thread());
+  }
+}
+
 TEST_F(socket_multicast_test, the_thread_can_be_stopped_and_started_again) {
   const int id = add(1);
   ASSERT_TRUE(open_both());
