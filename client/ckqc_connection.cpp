@@ -112,7 +112,7 @@ bool Ckqc_tcp::init_tcp_client() { return announce(establish()); }
 Ckqc_tcp::connection_ptr Ckqc_tcp::establish() {
   close_connection_before();
   const KqsTcpInfo server = endpoint();
-  const connection_ptr connection = open_connection(server, kqc_connection::k_setting_up);
+  connection_ptr connection = open_connection(server, kqc_connection::k_setting_up);
   if (connection == nullptr) {
     write_log(LogLevelError, "[QuoteClient] init connect server failed. server ip: %s, port: %d.",
               server.m_ServerIp, int{server.m_ServerPort});

@@ -126,7 +126,7 @@ TEST_F(late_callback_test, a_worker_that_begins_while_the_loss_is_logged_is_told
   log_in_at(peer, server, login_accepted());
   EXPECT_TRUE(m_record.wait_text("OnLoginResult(false, query symbol error)"));
   EXPECT_FALSE(m_record.has("OnServerDisconnected()"));
-  ASSERT_TRUE(wait_until([this] { return library_threads("kav-worker") == 0; }, k_patience));
+  ASSERT_TRUE(wait_until([] { return library_threads("kav-worker") == 0; }, k_patience));
   EXPECT_TRUE(conn_server_at(peer.port()));
   EXPECT_TRUE(peer.accept().is_open());
 }
