@@ -52,38 +52,49 @@ bool Ckqc_tcp::ConnServer(std::vector<KqsTcpInfo>& servers, KAVQuoteEvent* event
   if (is_busy()) return true;
   flag_guard connecting(m_connecting);
   kqc_connection::retry_closing();
-  if (servers.empty() || event == nullptr) return refuse_connect_params();
+  if (servers.empty() || event == nullptr) {
+    connecting.clear();
+    return refuse_connect_params();
+  }
   reset_register_symbol();
   set_endpoint(servers.front());
   m_event.store(event, std::memory_order_release);
-  const connection_ptr established = establish();
+  const KqsTcpInfo server = endpoint();
+  const connection_ptr established = establish(server);
   connecting.clear();
-  return announce(established);
+  return announce(established, server);
 }
 
-bool Ckqc_tcp::ConnServer(KqsTcpInfo& server, KAVQuoteEvent* event) {
+bool Ckqc_tcp::ConnServer(KqsTcpInfo& info, KAVQuoteEvent* event) {
   const client_life::visit visit(m_life, client_life::visitor::caller);
   if (!visit) return false;
   if (is_busy()) return true;
   flag_guard connecting(m_connecting);
   kqc_connection::retry_closing();
   reset_register_symbol();
-  set_endpoint(server);
+  set_endpoint(info);
   m_event.store(event, std::memory_order_release);
-  if (event == nullptr) return refuse_connect_params();
-  const connection_ptr established = establish();
+  if (event == nullptr) {
+    connecting.clear();
+    return refuse_connect_params();
+  }
+  const KqsTcpInfo server = endpoint();
+  const connection_ptr established = establish(server);
   connecting.clear();
-  return announce(established);
+  return announce(established, server);
 }
 
 int Ckqc_tcp::InitMulticast(std::vector<KqsMulticastInfo>&, KAVQuoteEvent*) { return 0; }
 
 // False: free, and m_connecting is the caller's to clear.
 bool Ckqc_tcp::is_busy() {
-  if (m_status.load(std::memory_order_acquire) == KqcStatusNone &&
-      !m_thread_running.load(std::memory_order_acquire) &&
-      !m_connecting.exchange(true, std::memory_order_acq_rel)) {
-    return false;
+  {
+    const mutex_locker guard(m_connection_lock);  // no other such call, and no worker that starts
+    if (m_status.load(std::memory_order_acquire) == KqcStatusNone &&
+        !m_thread_running.load(std::memory_order_acquire) &&
+        !m_connecting.exchange(true, std::memory_order_acq_rel)) {
+      return false;
+    }
   }
   write_log(LogLevelInfo, "[QuoteClient] cannot connserver while already logon.");
   return true;
@@ -106,28 +117,32 @@ KqsTcpInfo Ckqc_tcp::endpoint() {
   return m_endpoint;
 }
 
-bool Ckqc_tcp::init_tcp_client() { return announce(establish()); }
+bool Ckqc_tcp::init_tcp_client() {
+  const KqsTcpInfo server = endpoint();
+  return announce(establish(server), server);
+}
 
 // A connection that stands, with the status that says so; null when there is none.
-Ckqc_tcp::connection_ptr Ckqc_tcp::establish() {
+Ckqc_tcp::connection_ptr Ckqc_tcp::establish(const KqsTcpInfo& server) {
   close_connection_before();
-  const KqsTcpInfo server = endpoint();
   connection_ptr connection = open_connection(server, kqc_connection::k_setting_up);
   if (connection == nullptr) {
-    write_log(LogLevelError, "[QuoteClient] init connect server failed. server ip: %s, port: %d.",
-              server.m_ServerIp, int{server.m_ServerPort});
     take_connection();
-    return nullptr;
+  } else {
+    m_status.store(KqcStatusConnected, std::memory_order_release);
   }
-  m_status.store(KqcStatusConnected, std::memory_order_release);
-  connection->set_phase(kqc_connection::k_connected);
   return connection;
 }
 
-// While the caller is in OnServerConnected() the connection may be lost again, and he may connect
-// anew on another thread.
-bool Ckqc_tcp::announce(const connection_ptr& established) {
-  if (established == nullptr) return false;
+// Tells the caller what came of it. Meanwhile the connection may be lost again, and he may connect
+// anew, in here or on another thread.
+bool Ckqc_tcp::announce(const connection_ptr& established, const KqsTcpInfo& server) {
+  if (established == nullptr) {
+    write_log(LogLevelError, "[QuoteClient] init connect server failed. server ip: %s, port: %d.",
+              server.m_ServerIp, int{server.m_ServerPort});
+    return false;
+  }
+  established->set_phase(kqc_connection::k_connected);
   if (const event_call receiver{*this}) receiver->OnServerConnected();
   established->set_phase(kqc_connection::k_announced);
   return true;
@@ -204,6 +219,7 @@ unsigned int Ckqc_tcp::handle_login_resp(const char* data, unsigned int length,
             "[QuoteClient] on_login_resp,thread_is_running:%d, result: %c,  server ip: %s, port: "
             "%d.",
             int{running}, msg.result, server.m_ServerIp, int{server.m_ServerPort});
+  if (is_left_over(from)) return sizeof(msg);  // the caller has connected anew meanwhile
   if (running) {
     on_relogin_resp(msg.result);
   } else if (msg.result == k_kqs_login_accepted) {
@@ -229,6 +245,7 @@ void Ckqc_tcp::start_worker(std::uint32_t from) {
   {
     const mutex_locker guard(m_connection_lock);
     if (!is_held(from)) return;  // lost meanwhile, and the caller has been told
+    if (m_connecting.load(std::memory_order_acquire)) return;  // which closes this connection
     if (m_thread_running.load(std::memory_order_acquire)) return;
     m_stop.store(false, std::memory_order_release);  // before the flag, or a stop might be lost
     // Whatever the server sends next finds a worker running.

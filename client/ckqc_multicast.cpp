@@ -49,7 +49,10 @@ int Ckqc_tcp::start_multicast(const KqsMulticastInfo* groups, unsigned count, KA
     std::vector<int> own_results(count, KAVMulticastNotOpened);
     int result = begin_reception(*event, count, starting);
     if (starting != nullptr) result = starting->open(groups, own_results.data());
-    if (starting != nullptr && result != KAVMulticastStarted) end_reception(starting);
+    if (starting != nullptr && result != KAVMulticastStarted) {
+      end_reception(starting);  // first: the caller may start another one when he hears of it
+      starting->explain(result, own_results.data());
+    }
     if (results != nullptr) std::copy(own_results.begin(), own_results.end(), results);
     return result;
   } catch (const std::bad_alloc&) {

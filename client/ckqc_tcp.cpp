@@ -194,8 +194,11 @@ unsigned Ckqc_tcp::cut_messages(const char* data, unsigned size, std::uint32_t f
   while (data != nullptr && consumed < size) {
     const char* const next = data + consumed;
     const unsigned left = size - consumed;
+    const bool is_quote = *next == k_kqs_quote;
+    if (!is_quote && is_left_over(from))
+      return size;  // the caller has connected anew in a callback
     const unsigned taken =
-        *next == k_kqs_quote ? deliver_quote(next, left, receiver) : dispatch(next, left, from);
+        is_quote ? deliver_quote(next, left, receiver) : dispatch(next, left, from);
     if (taken == 0) break;
     consumed += taken;
   }

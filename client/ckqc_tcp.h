@@ -171,8 +171,8 @@ class Ckqc_tcp : public KAVQuoteApi {
   // have been freed meanwhile.
   connection_ptr make_connection();
   connection_ptr open_connection(const KqsTcpInfo& server, kqc_connection::setup_phase phase);
-  connection_ptr establish();
-  bool announce(const connection_ptr& established);
+  connection_ptr establish(const KqsTcpInfo& server);
+  bool announce(const connection_ptr& established, const KqsTcpInfo& server);
   void close_connection_before();
   bool is_left_over(std::uint32_t from) const;
   connection_ptr held_connection();
@@ -247,7 +247,8 @@ class Ckqc_tcp : public KAVQuoteApi {
   // Polled by every thread, without a lock.
   std::atomic<KAVQuoteEvent*> m_event{nullptr};       // set by the caller's thread in ConnServer()
   std::atomic<std::int32_t> m_status{KqcStatusNone};  // KqcStatus
-  std::atomic<bool> m_connecting{false};              // a ConnServer() has no connection yet
+  std::atomic<bool> m_connecting{false};  // a ConnServer() has no connection yet; set under
+                                          // m_connection_lock
   // Set under m_connection_lock before the worker exists, cleared as it ends.
   std::atomic<bool> m_thread_running{false};
   std::atomic<bool> m_stop{false};                // asks the worker to end

@@ -116,9 +116,8 @@ void Ckqc_tcp::_th_send_item(const kqc_data_and_event& item) {
 }
 
 bool Ckqc_tcp::_th_handle_loss(const kqc_data_and_event& item) {
-  const connection_ptr held = held_connection();
-  const bool left_over =
-      item.connection != 0 && held != nullptr && item.connection != held->serial();
+  const std::uint32_t held = serial_of(held_connection());
+  const bool left_over = item.connection != 0 && held != 0 && item.connection != held;
   if (left_over) return true;
   _th_clear_deque();
   if (item.kind == kqc_event_bad_stream) {

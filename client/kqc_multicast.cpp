@@ -4,7 +4,7 @@
 #include <netinet/in.h>  // IN_MULTICAST
 #include <sys/socket.h>  // getsockopt
 
-#include <algorithm>  // std::all_of
+#include <algorithm>  // std::all_of, std::any_of
 #include <cerrno>     // EADDRINUSE
 #include <cstring>    // strerror, strnlen
 #include <new>        // std::bad_alloc
@@ -110,7 +110,9 @@ int kqc_multicast::open(const KqsMulticastInfo* groups, int* results) {
     return KAVMulticastStarted;
   }
   find_failures(results);
-  return explain(results);
+  const bool told = std::any_of(results, results + m_groups.size(),
+                                [](int result) { return result != KAVMulticastNotOpened; });
+  return told ? KAVMulticastGroupFailed : KAVMulticastSystemError;
 }
 
 void kqc_multicast::read_group(const KqsMulticastInfo& info, group& out) const {
@@ -192,11 +194,9 @@ void kqc_multicast::find_failures(int* results) {
   }
 }
 
-// Logs what went wrong, and returns what the whole request gets.
-int kqc_multicast::explain(const int* results) {
+void kqc_multicast::explain(int request, const int* results) {
   const std::string reason =
       m_system_error == 0 ? "" : std::string(": ") + std::strerror(m_system_error);
-  int request = KAVMulticastSystemError;
   for (std::size_t i = 0; i < m_groups.size(); ++i) {
     if (results[i] == KAVMulticastNotOpened) continue;
     const group& it = m_groups[i];
@@ -205,13 +205,11 @@ int kqc_multicast::explain(const int* results) {
               format_str("[QuoteClient] multicast: group %zu (%s:%u %s at %s): %s%s.", i,
                          it.ip.c_str(), unsigned{it.port}, it.exchange.c_str(), it.local_ip.c_str(),
                          KAVMulticastResultText(results[i]), system ? reason.c_str() : ""));
-    request = KAVMulticastGroupFailed;
   }
   if (request == KAVMulticastSystemError) {
     write_log(LogLevelError,
               format_str("[QuoteClient] multicast: no group was opened%s.", reason.c_str()));
   }
-  return request;
 }
 
 // ---- Closing

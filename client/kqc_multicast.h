@@ -38,8 +38,10 @@ class kqc_multicast {
   kqc_multicast& operator=(const kqc_multicast&) = delete;
 
   // All groups, as many as announced, or none. A KAVMulticastResult, and one in `results` for each
-  // group; what went wrong is logged.
+  // group.
   int open(const KqsMulticastInfo* groups, int* results);
+  // Logs why `request` has failed. The client may receive other groups by then.
+  void explain(int request, const int* results);
   bool is_open() const { return m_open.load(std::memory_order_acquire); }
   // After open(), or in a callback.
   void close();
@@ -69,7 +71,6 @@ class kqc_multicast {
   int check(std::size_t index) const;
   bool open_all();
   void find_failures(int* results);
-  int explain(const int* results);
   int judge(const VORLAN::SOCK::socket_multicast::open_failure& failure);
   void add_unit(feed_receiver& receiver, const group& which) const;
   void write_log(KavKqsLogLevel level, const std::string& line);

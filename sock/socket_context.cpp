@@ -1,7 +1,9 @@
 #include "sock/socket_context.h"
 
-#include <poll.h>    // poll
-#include <unistd.h>  // STDOUT_FILENO
+#include <limits.h>     // PIPE_BUF
+#include <poll.h>       // poll
+#include <stdio_ext.h>  // __fpending
+#include <unistd.h>     // STDOUT_FILENO
 
 #include <cerrno>   // errno
 #include <csignal>  // pthread_sigmask, sigtimedwait
@@ -62,16 +64,19 @@ class stream_lock {
   bool m_held = false;
 };
 
-bool output_takes_a_line() {
+// What waits in the host's buffer would go out with the line, and a descriptor that is ready is so
+// for a page.
+bool output_takes(const char* text) {
   pollfd output{STDOUT_FILENO, POLLOUT, 0};
-  return ::poll(&output, 1, 0) == 1;
+  const std::size_t bytes = ::__fpending(stdout) + std::strlen(text);
+  return ::poll(&output, 1, 0) == 1 && (bytes <= PIPE_BUF || bytes <= ::__fbufsize(stdout));
 }
 
 // A line that nobody takes is left out: who waits for its writer would wait for ever.
 void print(const char* text) {
   const pipe_signal_guard guard;
   const stream_lock stream;
-  if (stream.is_held() && output_takes_a_line()) std::printf("%s", text);
+  if (stream.is_held() && output_takes(text)) std::printf("%s", text);
 }
 
 }  // namespace

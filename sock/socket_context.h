@@ -8,7 +8,8 @@ class socket_context {
  public:
   virtual ~socket_context();
   // One line of `length` characters, most with their own line end. On any thread, also on two at
-  // once; the object stays its owner's and outlives the sockets that use it.
+  // once; the object stays its owner's and outlives the sockets that use it. It returns soon and
+  // deletes none of them.
   virtual void log_text(const char* text, int length) = 0;
 };
 

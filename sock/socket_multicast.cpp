@@ -801,6 +801,7 @@ bool socket_multicast::event_multicast_client_error(const int&) { return true; }
 bool socket_multicast::event_multicast_client_close(const int& sock, bool local) {
   const std::shared_ptr<shared_state> shared = m_shared;
   const int number = sock;  // the caller's variable may be the unit's
+  const std::shared_ptr<channel> closing = descriptor_use(*shared, number).unit_channel();
   int id = -1;
   {
     const mutex_locker guard(shared->lock);
@@ -816,7 +817,12 @@ bool socket_multicast::event_multicast_client_close(const int& sock, bool local)
     if (shared->object_gone.load()) return true;  // which has closed and deleted everything
     delete_unit(id);
   }
-  descriptor_use(*shared, number).close();
+  if (closing != nullptr) {
+    closing->socket
+        .close();  // a callback that has opened anew may have given the number to another
+  } else {
+    descriptor_use(*shared, number).close();
+  }
   return true;
 }
 

@@ -1,8 +1,9 @@
 // A caller whose callbacks return late, so that what they were about has gone meanwhile.
 #include <sys/socket.h>  // shutdown
 
-#include <cstring>  // std::memcpy
-#include <thread>   // std::thread
+#include <cstring>   // std::memcpy
+#include <optional>  // std::optional
+#include <thread>    // std::thread
 
 #include "client/kqs_messages.h"
 #include "tests/client/session_support.h"
@@ -19,6 +20,7 @@ using kav_test::tcp_peer;
 const char k_begin_line[] = "OnLog(0, [QuoteClient] _th_kqc_send_and_reconn begin)";
 const char k_end_line[] = "OnLog(0, [QuoteClient] _th_kqc_send_and_reconn end)";
 const char k_lost_line[] = "OnLog(0, [on_cache_callback] EVENT_REMOTE_DISCONNECT,thd_is_run:";
+const char k_refusal_line[] = "OnLog(0, [QuoteClient] on_login_resp,thread_is_running:0, result: N";
 const char k_answer_line[] = "OnLog(0, [QuoteClient] on_login_resp,thread_is_running:0, result: Y";
 
 template <class T>
@@ -30,6 +32,14 @@ std::string login_accepted() {
   kqs_login_resp answer{};
   answer.type = k_kqs_login_resp;
   answer.result = k_kqs_login_accepted;
+  return bytes_of(answer);
+}
+
+std::string login_refused() {
+  kqs_login_resp answer{};
+  answer.type = k_kqs_login_resp;
+  answer.result = 'N';
+  std::memcpy(answer.reason, "bad password", 12);
   return bytes_of(answer);
 }
 
@@ -143,6 +153,80 @@ TEST_F(late_callback_test, a_session_that_begins_while_its_loss_is_logged_is_men
   tcp_connection again = peer.accept();
   EXPECT_EQ(sizeof(kqs_login_req), again.read_exactly(sizeof(kqs_login_req)).size());
   EXPECT_FALSE(m_record.has("OnServerDisconnected()"));
+}
+
+TEST_F(late_callback_test, a_refusal_that_is_logged_late_says_nothing_about_the_next_session) {
+  tcp_peer first_peer, second_peer;
+  m_record.set_hook([&](const call& it) {
+    if (it.what.starts_with(k_refusal_line)) m_gate.pass();
+    if (it.what == "OnServerDisconnected()") {
+      EXPECT_TRUE(conn_server_at(second_peer.port()));
+      EXPECT_NE(0, send_login());
+    }
+  });
+  tcp_connection first{-1};
+  log_in_at(first_peer, first, login_refused() + login_refused());
+  ASSERT_TRUE(m_gate.wait_reached());
+  tcp_connection second = second_peer.accept();
+  EXPECT_EQ(sizeof(kqs_login_req), second.read_exactly(sizeof(kqs_login_req)).size());
+  ASSERT_TRUE(second.write(login_accepted()));
+  EXPECT_EQ(sizeof(kqs_symbol_list_req), second.read_exactly(sizeof(kqs_symbol_list_req)).size());
+  ASSERT_TRUE(second.write(list_of_one_symbol()));
+  EXPECT_TRUE(m_record.wait_text("OnLoginResult(true, )"));
+  m_gate.open();
+  wait_callbacks_returned();
+  EXPECT_FALSE(m_record.has("OnLoginResult(false"));
+  EXPECT_FALSE(m_record.has("OnLog(3, [QuoteClient] login failed"));
+  EXPECT_FALSE(m_record.has("OnLog(0, [QuoteClient] relogin"));
+}
+
+TEST_F(late_callback_test, a_caller_may_connect_again_when_he_hears_that_it_failed) {
+  tcp_peer peer;
+  std::optional<bool> connected;
+  m_record.set_hook([&](const call& it) {
+    if (it.what.starts_with("OnLog(3, [QuoteClient] init connect server failed.")) {
+      connected = conn_server_at(peer.port());
+    }
+  });
+  const kav_test::refusing_port nobody;
+  EXPECT_FALSE(conn_server_at(nobody.port()));
+  EXPECT_EQ(true, connected);
+  EXPECT_TRUE(peer.accept().is_open());
+  EXPECT_EQ(1u, m_record.text_count("OnServerConnected()"));
+}
+
+TEST_F(late_callback_test, a_caller_may_connect_again_when_he_hears_of_invalid_parameters) {
+  tcp_peer peer;
+  std::optional<bool> connected;
+  m_record.set_hook([&](const call& it) {
+    if (it.what == "OnLog(3, [QuoteClient] invalid params.)") {
+      connected = conn_server_at(peer.port());
+    }
+  });
+  const kav_test::refusing_port nobody;
+  EXPECT_FALSE(conn_server_at(nobody.port()));  // from now on the client has somebody to tell
+  std::vector<KqsTcpInfo> none;
+  EXPECT_FALSE(m_api->ConnServer(none, &m_record));
+  EXPECT_EQ(true, connected);
+  EXPECT_TRUE(peer.accept().is_open());
+}
+
+TEST_F(late_callback_test, a_lost_connection_costs_nothing_while_the_server_is_away) {
+  const std::size_t before = open_descriptors();
+  {
+    tcp_peer peer;
+    tcp_connection server{-1};
+    ASSERT_TRUE(conn_server_at(peer.port()));
+    server = peer.accept();
+    ASSERT_NE(0, send_login());
+    ASSERT_EQ(sizeof(kqs_login_req), server.read_exactly(sizeof(kqs_login_req)).size());
+    ASSERT_TRUE(server.write(login_accepted()));
+    ASSERT_EQ(sizeof(kqs_symbol_list_req), server.read_exactly(sizeof(kqs_symbol_list_req)).size());
+    ASSERT_TRUE(server.write(list_of_one_symbol()));
+    ASSERT_TRUE(m_record.wait_text("OnLoginResult(true, )"));
+  }
+  ASSERT_TRUE(m_record.wait_text("OnLog(3, [QuoteClient] connect server failed."));
+  EXPECT_TRUE(wait_until([before] { return open_descriptors() <= before; }, milliseconds{1500}));
 }
 
 TEST_F(late_callback_test, a_caller_may_connect_again_while_his_first_announcement_lasts) {

@@ -249,6 +249,17 @@ TEST_F(multicast_reception_test, every_entry_that_is_wrong_is_told_and_nothing_s
   EXPECT_EQ(KAVMulticastStarted, start({groups.front(), groups.back()}));
 }
 
+TEST_F(multicast_reception_test, another_start_may_follow_when_the_caller_hears_that_one_failed) {
+  std::optional<int> second;
+  m_quotes.set_hook([&](const kav_session::call& it) {
+    if (!it.what.starts_with("OnLog(3, [QuoteClient] multicast: group 0") || second) return;
+    const KqsMulticastInfo good = info(1, "SHFE");
+    second = StartKAVMulticast(m_api, &good, 1, &m_quotes, nullptr);
+  });
+  EXPECT_EQ(KAVMulticastGroupFailed, start({info(2, "NYSE")}));
+  EXPECT_EQ(std::optional<int>{KAVMulticastStarted}, second);
+}
+
 TEST_F(multicast_reception_test, texts_that_fill_their_fields_end_there) {
   KqsMulticastInfo full = info(1, "SHFE");
   std::memset(full.m_ExchangeId, 'S', sizeof(full.m_ExchangeId));

@@ -8,6 +8,7 @@
 #include <csignal>  // SIGPIPE
 #include <cstdio>   // setvbuf
 #include <cstdlib>  // _Exit
+#include <string>   // std::string
 #include <thread>   // std::thread
 
 #include "sock/socket_client.h"
@@ -86,6 +87,27 @@ constexpr unsigned k_patience_s = 20;
 [[noreturn]] void write_to_a_full_pipe() {
   ::alarm(k_patience_s);  // ends a line that waits
   std::_Exit(block_standard_output() ? fail_to_bind() : NOT_BROKEN);
+}
+
+// The host has collected more than the pipe has room for.
+[[noreturn]] void write_behind_a_full_buffer() {
+  static char buffer[65536];
+  ::alarm(k_patience_s);
+  int ends[2] = {-1, -1};
+  const bool made = std::setvbuf(stdout, buffer, _IOFBF, sizeof(buffer)) == 0 &&
+                    ::pipe2(ends, O_CLOEXEC | O_NONBLOCK) == 0;
+  if (!made) std::_Exit(NOT_BROKEN);
+  std::string page(4096, 'x');
+  while (::write(ends[1], page.data(), page.size()) > 0) continue;
+  if (::read(ends[0], page.data(), page.size()) != 4096) std::_Exit(NOT_BROKEN);
+  ::fcntl(ends[1], F_SETFL, 0);
+  ::dup2(ends[1], STDOUT_FILENO);
+  std::fputs(std::string(sizeof(buffer) - 10, 'y').c_str(), stdout);
+  std::_Exit(fail_to_bind());
+}
+
+TEST(socket_log_lines, a_buffer_of_the_hosts_that_would_have_to_wait_holds_nobody_up) {
+  EXPECT_EXIT(write_behind_a_full_buffer(), testing::ExitedWithCode(SURVIVED), "");
 }
 
 // A thread of the host waits in its own output, with the lock of the stream.

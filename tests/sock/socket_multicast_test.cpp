@@ -430,6 +430,21 @@ TEST_F(socket_multicast_test, an_empty_datagram_closes_its_unit_and_no_other) {
   EXPECT_TRUE(wait_received(1));
 }
 
+TEST_F(socket_multicast_test, a_unit_whose_end_opens_all_anew_takes_no_other_units_socket_along) {
+  const int other = add(1), ending = add(2);
+  std::atomic<int> opened{0};
+  m_events.set_hook([&](socket_param& param) {
+    if (param.get_event_type() == EVENT_REMOTE_DISCONNECT) opened.fetch_add(receive() ? 1 : 2);
+  });
+  ASSERT_TRUE(open_both());
+  EXPECT_EQ(0, m_sender.sock_send("", 0, ending));
+  ASSERT_TRUE(wait_until([&] { return opened.load() == 1; }, k_soon));
+  for (std::size_t i = 1; i <= 3; ++i) {
+    ASSERT_TRUE(send("x", other));
+    ASSERT_TRUE(wait_received(i));
+  }
+}
+
 TEST_F(socket_multicast_test, disconnecting_a_unit_reports_it_once_and_frees_it) {
   const int id = add(1, "first");
   ASSERT_TRUE(receive());
