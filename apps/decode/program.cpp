@@ -15,6 +15,7 @@
 #include "apps/decode/options.h"
 #include "apps/decode/packet_decoder.h"
 #include "apps/decode/quote_writer.h"
+#include "apps/standard_error.h"
 #include "apps/watch/output_stream.h"
 
 namespace kav_decode {
@@ -26,7 +27,7 @@ using kav_watch::write_result;
 constexpr int k_no_interrupt = -1;  // signals end the program by themselves
 
 int finish(const outcome& end) {
-  if (!end.message.empty()) fmt::print(stderr, "kav-decode: {}\n", end.message);
+  if (!end.message.empty()) kav_apps::tell(fmt::format("kav-decode: {}\n", end.message));
   return static_cast<int>(end.status);
 }
 
@@ -62,7 +63,7 @@ class decode_run {
       return *stop;
     }
     if (!m_options.quiet) {
-      fmt::print(stderr, "{}", m_decoder.counts().summary(m_writer.quotes()));
+      kav_apps::tell(fmt::format("{}", m_decoder.counts().summary(m_writer.quotes())));
     }
     return end;
   }

@@ -1,12 +1,14 @@
 // kav-feed: the multicast feeds as a program.
 #include <fmt/format.h>
 
-#include <cstdio>  // fflush
-#include <memory>  // std::unique_ptr
-#include <thread>  // std::this_thread::sleep_until
+#include <cstdio>     // fflush
+#include <exception>  // std::exception
+#include <memory>     // std::unique_ptr
+#include <thread>     // std::this_thread::sleep_until
 
 #include "apps/feed/program_options.h"
 #include "apps/sim/stop_signal.h"
+#include "apps/standard_error.h"
 
 namespace {
 
@@ -22,7 +24,7 @@ steady_clock::duration time_of(double seconds) {
 }
 
 int complain(int status, const std::string& what) {
-  fmt::print(stderr, "kav-feed: {}\n", what);
+  kav_apps::tell(fmt::format("kav-feed: {}\n", what));
   return status;
 }
 
@@ -39,7 +41,8 @@ void print_sums(const char* head, const program_options& options, const publishe
     line += fmt::format("{} {} sent, {} left out, {} swapped; ", name_of(group.which), of.sent,
                         of.left_out, of.swapped);
   }
-  fmt::print(stderr, "{}{} ticks, {} without record\n", line, sums.ticks, sums.without_record);
+  kav_apps::tell(
+      fmt::format("{}{} ticks, {} without record\n", line, sums.ticks, sums.without_record));
 }
 
 // False: told to end meanwhile.
@@ -91,6 +94,10 @@ int run(const program_options& options) {
 
 int main(int argc, char** argv) {
   program_options options;
-  if (const std::optional<int> status = parse_command_line(argc, argv, options)) return *status;
-  return run(options);
+  try {
+    if (const std::optional<int> status = parse_command_line(argc, argv, options)) return *status;
+    return run(options);
+  } catch (const std::exception& error) {
+    return complain(k_exit_failed, std::string{"unexpected error: "} + error.what());
+  }
 }

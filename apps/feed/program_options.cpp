@@ -8,6 +8,7 @@
 #include <vector>     // std::vector
 
 #include "apps/sim/option_checks.h"
+#include "apps/standard_error.h"
 
 namespace kav_feed {
 
@@ -176,7 +177,7 @@ std::string take_over(const publishing_texts& texts, publisher_options& o) {
 
 int complain(std::string what) {
   std::replace(what.begin(), what.end(), '\n', ' ');
-  fmt::print(stderr, "kav-feed: {}\n", what);
+  kav_apps::tell(fmt::format("kav-feed: {}\n", what));
   return k_exit_bad_input;
 }
 

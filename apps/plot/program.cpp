@@ -14,6 +14,7 @@
 #include "apps/plot/gnuplot.h"
 #include "apps/plot/options.h"
 #include "apps/plot/tick_series.h"
+#include "apps/standard_error.h"
 #include "apps/watch/text_safety.h"
 
 namespace kav_plot {
@@ -21,7 +22,7 @@ namespace {
 
 constexpr std::size_t k_named_symbols = 20;  // in one message
 
-void note(const std::string& text) { fmt::print(stderr, "kav-plot: {}\n", text); }
+void note(const std::string& text) { kav_apps::tell(fmt::format("kav-plot: {}\n", text)); }
 
 int finish(const outcome& end) {
   if (!end.message.empty()) note(end.message);

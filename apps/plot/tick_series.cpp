@@ -7,7 +7,7 @@
 #include <array>        // std::array
 #include <cerrno>       // errno
 #include <charconv>     // std::from_chars
-#include <cmath>        // std::isfinite
+#include <cmath>        // std::isfinite, std::fabs
 #include <cstring>      // std::strerror
 #include <memory>       // std::unique_ptr
 #include <string_view>  // std::string_view
@@ -19,7 +19,8 @@ namespace {
 
 constexpr std::int64_t k_day_ms = 24 * 3600 * 1000;
 constexpr std::int64_t k_disorder_ms = 3600 * 1000;  // one symbol's quotes go back no further
-constexpr std::size_t k_longest_line = 1 << 16;      // bytes; a quote's is far shorter
+constexpr double k_largest_value = 1e300;        // beyond it some servers mean that there is none
+constexpr std::size_t k_longest_line = 1 << 16;  // bytes; a quote's is far shorter
 constexpr unsigned k_chunk_bytes = 1u << 18;
 
 namespace place {
@@ -117,8 +118,10 @@ class line_reader {
   static bool read(std::string_view text, Number& number) {
     if (text.empty()) return true;
     const auto [end, code] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return code == std::errc{} && end == text.data() + text.size() &&
-           std::isfinite(static_cast<double>(number));
+    const bool good = code == std::errc{} && end == text.data() + text.size() &&
+                      std::isfinite(static_cast<double>(number));
+    if (good && std::fabs(static_cast<double>(number)) > k_largest_value) number = 0;
+    return good;
   }
 
   static bool read_time(const values& row, std::int64_t& ms) {

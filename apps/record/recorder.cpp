@@ -5,6 +5,8 @@
 
 #include <cstdio>  // stderr
 
+#include "apps/standard_error.h"
+
 namespace kav_record {
 namespace {
 
@@ -22,7 +24,7 @@ std::string counts_text(const file_counts& counts) {
 
 }  // namespace
 
-void note(const std::string& text) { fmt::print(stderr, "kav-record: {}\n", text); }
+void note(const std::string& text) { kav_apps::tell(fmt::format("kav-record: {}\n", text)); }
 
 recorder::recorder(const record_options& options, quote_queue& queue,
                    kav_watch::quote_session& session, kav_watch::multicast_feed& feed,

@@ -1,12 +1,14 @@
 // kav-sim: the quote server as a program.
 #include <fmt/format.h>
 
-#include <cstdio>  // fflush
-#include <thread>  // std::this_thread::sleep_for
+#include <cstdio>     // fflush
+#include <exception>  // std::exception
+#include <thread>     // std::this_thread::sleep_for
 
 #include "apps/sim/feed.h"
 #include "apps/sim/program_options.h"
 #include "apps/sim/stop_signal.h"
+#include "apps/standard_error.h"
 
 namespace {
 
@@ -28,17 +30,17 @@ server_options server_of(const program_options& o, const tick_source& source) {
   s.symbols = source.symbols();
   s.heartbeat = ms_of(o.heartbeat_seconds);
   s.record_received = false;
-  if (!o.quiet) s.log = [](const std::string& line) { fmt::print(stderr, "{}\n", line); };
+  if (!o.quiet) s.log = [](const std::string& line) { kav_apps::tell(fmt::format("{}\n", line)); };
   return s;
 }
 
 void print_sums(const char* head, const quote_server& server) {
   const server_counters sums = server.counters();
   const connection_counts clients = server.connections();
-  fmt::print(stderr,
-             "{}: {} quotes sent, {} dropped; {} clients now, {} ever; {} malformed messages\n",
-             head, sums.quotes_sent, sums.quotes_dropped, clients.current, clients.ever,
-             sums.malformed_messages);
+  kav_apps::tell(fmt::format(
+      "{}: {} quotes sent, {} dropped; {} clients now, {} ever; {} malformed messages\n", head,
+      sums.quotes_sent, sums.quotes_dropped, clients.current, clients.ever,
+      sums.malformed_messages));
 }
 
 // What happens beside the quotes: progress lines, the outage, the end. Main thread only.
@@ -80,27 +82,30 @@ void serve(const program_options& options, tick_source& source, quote_server& se
   feed.keep_going = [&beside] { return beside.keep_going(); };
   const feed_result result = run_feed(source, server, feed);
   if (result.at_end && !options.quiet) {
-    fmt::print(stderr, "the file has ended after {} quotes; connections stay\n", result.ticks);
+    kav_apps::tell(
+        fmt::format("the file has ended after {} quotes; connections stay\n", result.ticks));
   }
   while (beside.keep_going()) std::this_thread::sleep_for(k_idle_slice);
 }
 
 int run(const program_options& options) {
   std::string error;
-  const std::unique_ptr<tick_source> source = make_source(options.source, error);
+  source_choice choice = options.source;
+  choice.gold_codes = true;
+  const std::unique_ptr<tick_source> source = make_source(choice, error);
   if (!source) {
-    fmt::print(stderr, "kav-sim: {}\n", error);
+    kav_apps::tell(fmt::format("kav-sim: {}\n", error));
     return k_exit_bad_input;
   }
   if (options.list) {
     for (const listed_symbol& s : source->symbols()) fmt::print("{} {}\n", s.type, s.name);
-    return k_exit_good;
+    return std::fflush(stdout) == 0 ? k_exit_good : k_exit_failed;
   }
   catch_stop_signals();
   quote_server server{server_of(options, *source)};
   server.set_behaviour(options.how);
   if (!server.start()) {
-    fmt::print(stderr, "kav-sim: {}\n", server.start_error());
+    kav_apps::tell(fmt::format("kav-sim: {}\n", server.start_error()));
     return k_exit_failed;
   }
   fmt::print("listening on {}:{}\n", options.bind_address, server.port());
@@ -115,6 +120,11 @@ int run(const program_options& options) {
 
 int main(int argc, char** argv) {
   program_options options;
-  if (const std::optional<int> status = parse_command_line(argc, argv, options)) return *status;
-  return run(options);
+  try {
+    if (const std::optional<int> status = parse_command_line(argc, argv, options)) return *status;
+    return run(options);
+  } catch (const std::exception& error) {
+    kav_apps::tell(fmt::format("kav-sim: unexpected error: {}\n", error.what()));
+    return k_exit_failed;
+  }
 }

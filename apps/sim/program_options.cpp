@@ -9,6 +9,7 @@
 
 #include "apps/sim/option_checks.h"
 #include "apps/sim/wire.h"
+#include "apps/standard_error.h"
 
 namespace kav_sim {
 
@@ -84,8 +85,9 @@ void add_server_options(CLI::App& app, program_options& o) {
 }
 
 void add_quote_options(CLI::App& app, program_options& o) {
-  CLI::Option* const ticks =
-      app.add_option("--ticks", o.source.tick_path, "replay this file")->type_name("FILE");
+  CLI::Option* const ticks = app.add_option("--ticks", o.source.tick_path,
+                                            "replay this file; each quote takes 1 KB of memory")
+                                 ->type_name("FILE");
   app.add_option("--speed", o.speed, "1 own pace, 10 ten times as fast, 0 as fast as clients read")
       ->check(number_between(0, 1e6))
       ->capture_default_str();
@@ -248,7 +250,7 @@ std::string take_over(const fault_texts& texts, behaviour& how) {
 
 int complain(std::string what) {
   std::replace(what.begin(), what.end(), '\n', ' ');
-  fmt::print(stderr, "kav-sim: {}\n", what);
+  kav_apps::tell(fmt::format("kav-sim: {}\n", what));
   return k_exit_bad_input;
 }
 

@@ -10,9 +10,10 @@
 namespace kav_sim {
 
 struct source_choice {
-  std::string tick_path;  // empty: the made-up market, as of now
-  bool loop = false;      // the file from its beginning again when it has ended
-  double rate = 2;        // made-up snapshots of each symbol per second
+  std::string tick_path;    // empty: the made-up market, as of now
+  bool loop = false;        // the file from its beginning again when it has ended
+  bool gold_codes = false;  // the file's gold contracts go by the codes that a quote server uses
+  double rate = 2;          // made-up snapshots of each symbol per second
   std::uint64_t seed = 1;
 };
 

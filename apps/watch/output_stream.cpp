@@ -53,11 +53,11 @@ write_result output_stream::write_some(std::size_t& done) {
   return errno == EPIPE ? write_result::reader_gone : write_result::failed;
 }
 
-write_result output_stream::flush() {
+write_result output_stream::flush(std::chrono::milliseconds longest_wait) {
   std::size_t done = 0;
   write_result result = write_result::written;
   while (done < m_buffer.size() && result == write_result::written) {
-    result = wait_writable(m_interrupt_fd, -1);
+    result = wait_writable(m_interrupt_fd, static_cast<int>(longest_wait.count()));
     if (result == write_result::written) result = write_some(done);
   }
   drop_front(m_buffer, done);

@@ -26,13 +26,15 @@ class output_stream {
 
   fmt::memory_buffer& buffer() { return m_buffer; }
   bool is_full() const { return m_buffer.size() >= k_buffer_bytes; }
-  // Writes what is in the buffer; what could not be written stays in it.
-  write_result flush();
+  // Writes what is in the buffer, and is interrupted when it has waited so long for the reader;
+  // what could not be written stays in it.
+  write_result flush(std::chrono::milliseconds longest_wait = k_for_ever);
   // The same, deaf to interruptions, for `limit` at most.
   write_result flush_for(std::chrono::milliseconds limit);
   std::string error_text() const;
 
   static constexpr std::size_t k_buffer_bytes = 1 << 20;
+  static constexpr std::chrono::milliseconds k_for_ever{-1};
 
  private:
   write_result wait_writable(int interrupt_fd, int timeout_ms) const;

@@ -8,6 +8,7 @@
 #include <string>     // std::string
 #include <variant>    // std::get_if
 
+#include "apps/standard_error.h"
 #include "apps/watch/multicast_feed.h"
 #include "apps/watch/options.h"
 #include "apps/watch/secrets.h"
@@ -19,7 +20,7 @@ namespace kav_watch {
 namespace {
 
 int finish(const outcome& end) {
-  if (!end.message.empty()) fmt::print(stderr, "kav-watch: {}\n", end.message);
+  if (!end.message.empty()) kav_apps::tell(fmt::format("kav-watch: {}\n", end.message));
   return static_cast<int>(end.status);
 }
 

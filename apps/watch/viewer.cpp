@@ -9,6 +9,7 @@
 #include <iterator>   // std::back_inserter
 #include <utility>    // std::exchange, std::move
 
+#include "apps/standard_error.h"
 #include "apps/watch/quote_format.h"
 #include "apps/watch/text_safety.h"
 
@@ -21,7 +22,7 @@ constexpr std::chrono::milliseconds k_redraw{100};       // the eye does not wan
 constexpr std::chrono::milliseconds k_last_flush{2000};  // for what waits when the program ends
 constexpr int k_idle_wait_ms = 1000;                     // nothing depends on it
 
-void note(const std::string& text) { fmt::print(stderr, "kav-watch: {}\n", text); }
+void note(const std::string& text) { kav_apps::tell(fmt::format("kav-watch: {}\n", text)); }
 
 bool colour_wanted() {
   const char* no_colour = std::getenv("NO_COLOR");
@@ -133,10 +134,10 @@ void viewer::append_quote(const KAVMarketDepthQuoteData& quote) {
 
 std::optional<outcome> viewer::flush() {
   while (true) {
-    const write_result result = m_lines.flush();
+    const write_result result = m_lines.flush(std::chrono::milliseconds{milliseconds_left()});
     if (result == write_result::written) return std::nullopt;
     if (result != write_result::interrupted) return write_end(result);
-    if (asked_to_end()) return outcome{};  // else it was only the terminal's size
+    if (asked_to_end()) return outcome{};  // else it was the terminal's size, or a slow reader
   }
 }
 

@@ -9,6 +9,7 @@ using kav_watch::link_state;
 using steady = std::chrono::steady_clock;
 
 constexpr std::size_t k_most_log_lines = 4096;
+constexpr std::size_t k_most_answers = 262'144;       // no more symbols can be registered
 constexpr std::chrono::seconds k_drop_news_pause{1};  // at most one such line in this time
 
 std::string text_of(const char* text) { return text == nullptr ? "" : text; }
@@ -160,7 +161,9 @@ void session_events::OnLog(KavKqsLogLevel level, const char* text, int) {
 
 void session_events::OnSymbolRegistered(KavKqsIntrumentType, const char* symbol, bool success) {
   const std::lock_guard lock(m_lock);
-  m_registrations[text_of(symbol)] = success ? registration::registered : registration::refused;
+  const std::string name = text_of(symbol);
+  if (m_registrations.size() >= k_most_answers && !m_registrations.contains(name)) return;
+  m_registrations[name] = success ? registration::registered : registration::refused;
   changed();
 }
 

@@ -92,6 +92,15 @@ TEST_F(plot_program_test, an_svg_holds_what_a_reader_needs) {
   }
 }
 
+TEST_F(plot_program_test, the_largest_double_is_no_value_as_some_servers_mean_it) {
+  if (!have_gnuplot()) GTEST_SKIP() << "no gnuplot";
+  kav_record_test::write_file(
+      m_folder / "odd.csv",
+      ticks() + "20261124,rb2610,SHFE,3500,3499,1.7976931348623157e+308,700,9000,10:00:00,0\n");
+  EXPECT_EQ("", run({m_folder / "odd.csv", "rb2610", "-o", m_folder / "odd.svg"}, 0));
+  EXPECT_THAT(file_bytes(m_folder / "odd.svg"), HasSubstr("rb2610"));
+}
+
 TEST_F(plot_program_test, a_symbol_that_is_missing_is_told_with_those_that_are_there) {
   EXPECT_EQ("kav-plot: " + m_folder /
                                "t.csv has no quotes of IF2612; it has those of o'ne\"2, "

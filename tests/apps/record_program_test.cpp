@@ -319,6 +319,17 @@ TEST_F(record_replay_test, a_recorded_replay_equals_its_source_in_every_column) 
   expect_same_after_recording(m_folder / "source.csv.gz", "20250901");
 }
 
+TEST_F(record_replay_test, gold_contracts_are_replayed_under_their_names) {
+  fmt::memory_buffer text;
+  kav_watch::append_csv_header(text);
+  for (int i = 0; i < 200; ++i) {
+    for (const char* symbol : {"IF2509", "Au(T+D)", "Ag(T+D)", "mAu(T+D)", "Au(T+N1)", "Au(T+N2)"})
+      kav_watch::append_csv(text, quote_of(symbol, i));
+  }
+  write_packed(m_folder / "source.csv.gz", fmt::to_string(text));
+  expect_same_after_recording(m_folder / "source.csv.gz", "20250901");
+}
+
 TEST_F(record_replay_test, a_recorded_day_is_recorded_again_without_a_difference) {
   const char* const path = std::getenv("KAV_TICKS");
   if (path == nullptr) GTEST_SKIP() << "no recorded day; KAV_TICKS names one";

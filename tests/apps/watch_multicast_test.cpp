@@ -198,6 +198,28 @@ TEST(watch_multicast_test, seconds_and_signals_end_it_also_without_quotes) {
   }
 }
 
+// Until pipe and inbox are full and nobody takes datagrams any more.
+void send_until_nobody_takes(const multicast_sender& feed) {
+  const auto taken = [&feed] { return feed.waiting_bytes() == 0; };
+  for (int i = 0; i < 4'000 && ::wait_until(taken, 1s); ++i) {
+    for (int k = 0; k < 100; ++k) ASSERT_TRUE(feed.send(shfe_record("rb2510", i)));
+  }
+  ASSERT_GT(feed.waiting_bytes(), 0u);
+}
+
+TEST(watch_multicast_test, its_time_ends_it_while_nobody_reads_its_output) {
+  const multicast_sender feed;
+  child_options options = multicast_options(
+      {"--multicast", feed.argument("SHFE"), "--format", "csv", "--seconds", "6"});
+  options.read_output = false;
+  child_process child{options};
+  ASSERT_TRUE(feed.wait_joined());
+  for (int k = 0; k < 1000; ++k) ASSERT_TRUE(feed.send(shfe_record("rb2510", k)));
+  EXPECT_TRUE(wait_until([&] { return !child.is_running(); }));
+  child.close_output();
+  EXPECT_EQ(0, child.wait());
+}
+
 TEST(watch_multicast_test, a_signal_ends_it_while_nobody_reads_its_output) {
   const multicast_sender feed;
   child_options options =
@@ -205,12 +227,7 @@ TEST(watch_multicast_test, a_signal_ends_it_while_nobody_reads_its_output) {
   options.read_output = false;
   child_process child{options};
   ASSERT_TRUE(feed.wait_joined());
-  // Until pipe and inbox are full and nobody takes datagrams any more.
-  const auto taken = [&feed] { return feed.waiting_bytes() == 0; };
-  for (int i = 0; i < 4'000 && ::wait_until(taken, 1s); ++i) {
-    for (int k = 0; k < 100; ++k) ASSERT_TRUE(feed.send(shfe_record("rb2510", i)));
-  }
-  ASSERT_GT(feed.waiting_bytes(), 0u);
+  ASSERT_NO_FATAL_FAILURE(send_until_nobody_takes(feed));
   child.send_signal(SIGINT);
   EXPECT_TRUE(wait_until([&] { return !child.is_running(); }));
   child.close_output();

@@ -89,6 +89,13 @@ TEST_F(watch_output_test, a_reader_that_does_not_read_is_left_when_interrupted) 
   EXPECT_GT(stream.buffer().size(), 0u);
 }
 
+TEST_F(watch_output_test, a_reader_that_does_not_read_is_left_when_the_longest_wait_is_over) {
+  output_stream stream{m_pipe[1], m_interrupt};
+  fill(stream, 1 << 20);
+  EXPECT_EQ(write_result::interrupted, stream.flush(20ms));
+  EXPECT_GT(stream.buffer().size(), 0u);
+}
+
 TEST_F(watch_output_test, a_limited_flush_gives_up_in_time_and_keeps_the_rest) {
   output_stream stream{m_pipe[1], m_interrupt};
   fill(stream, 1 << 20);
