@@ -14,17 +14,13 @@ client.register("IF2612")
 """
 
 
-def run(server, program: str, *arguments: str) -> subprocess.CompletedProcess[str]:
+def run(server, program: str) -> subprocess.CompletedProcess[str]:
+    return run_alone(server, LOGGED_IN + program)
+
+
+def run_alone(server, program: str) -> subprocess.CompletedProcess[str]:
     return subprocess.run(
-        [
-            sys.executable,
-            "-X",
-            "faulthandler",
-            "-c",
-            LOGGED_IN + program,
-            str(server.port),
-            *arguments,
-        ],
+        [sys.executable, "-X", "faulthandler", "-c", program, str(server.port)],
         capture_output=True,
         text=True,
         timeout=LIMIT * 2,
@@ -49,6 +45,76 @@ def run(server, program: str, *arguments: str) -> subprocess.CompletedProcess[st
 def test_an_interpreter_ends_with_a_live_client(server, program):
     ended = run(server, program)
     assert (ended.returncode, ended.stderr) == (0, "")
+
+
+@pytest.mark.parametrize("attempt", range(5))
+def test_an_interpreter_ends_while_its_threads_make_new_clients(server, attempt):
+    ended = run(
+        server,
+        f"""
+taken = [0, 0, 0]
+def work(me):
+    while True:
+        try:
+            with kavquote.Client("{HOST}", int(sys.argv[1])) as one:
+                one.login("user", "password")
+                one.register("IF2612")
+                for quote in one.quotes(timeout=1):
+                    taken[me] += 1
+        except kavquote.Error:
+            pass
+for me in range(len(taken)):
+    threading.Thread(target=work, args=(me,), daemon=True).start()
+deadline = time.monotonic() + {LIMIT}
+while not all(taken) and time.monotonic() < deadline:
+    time.sleep(0.01)
+assert all(taken)
+""",
+    )
+    assert (ended.returncode, ended.stderr) == (0, "")
+
+
+@pytest.mark.parametrize("attempt", range(5))
+def test_an_interpreter_ends_while_its_threads_close_clients(server, attempt):
+    ended = run(
+        server,
+        f"""
+closed = [0] * 3
+def work(me):
+    while True:
+        try:
+            with kavquote.Client("{HOST}", int(sys.argv[1])) as one:
+                one.login("user", "password")
+        except kavquote.Error:
+            pass
+        closed[me] += 1
+for me in range(len(closed)):
+    threading.Thread(target=work, args=(me,), daemon=True).start()
+deadline = time.monotonic() + {LIMIT}
+while min(closed) < 2 and time.monotonic() < deadline:
+    time.sleep(0.01)
+assert min(closed) >= 2
+""",
+    )
+    assert (ended.returncode, ended.stderr) == (0, "")
+
+
+def test_no_client_is_made_once_the_interpreter_has_closed_them(server):
+    ended = run_alone(
+        server,
+        f"""
+import atexit, os, sys
+def make_one_late():
+    try:
+        kavquote.Client("{HOST}", int(sys.argv[1]))
+    except kavquote.Error as error:
+        assert str(error) == "the interpreter is ending", error
+        os._exit(5)
+atexit.register(make_one_late)  # first registered, so called after what the package registers
+import kavquote
+""",
+    )
+    assert (ended.returncode, ended.stderr) == (5, "")
 
 
 def test_an_error_ends_an_interpreter_with_its_own_status(server):
@@ -100,6 +166,58 @@ if child == 0:
     except kavquote.ForkedError:
         sys.exit(5)
 assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 5
+""",
+    )
+    assert (ended.returncode, ended.stderr) == (0, "")
+
+
+def test_an_async_stream_in_a_forked_child_asks_for_the_process_first(server):
+    ended = run(
+        server,
+        """
+import asyncio
+class Watched:
+    def __getattr__(self, name):
+        os._exit(6)  # it may take a lock that nobody gives back
+stream = client.quotes()
+child = os.fork()
+if child == 0:
+    stream._native = Watched()
+    try:
+        asyncio.run(anext(stream))
+    except kavquote.ForkedError:
+        os._exit(5)
+    os._exit(7)
+assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 5
+""",
+    )
+    assert (ended.returncode, ended.stderr) == (0, "")
+
+
+def test_a_child_makes_a_client_though_a_thread_made_one_at_the_fork(server):
+    ended = run(
+        server,
+        f"""
+from kavquote import client as module
+client.close()
+inside, forking = threading.Event(), threading.Event()
+make = module.Readiness
+def make_slowly(native):
+    inside.set()
+    forking.wait(0.2)
+    return make(native)
+module.Readiness = make_slowly
+maker = threading.Thread(target=lambda: kavquote.Client("{HOST}", int(sys.argv[1])).close())
+maker.start()
+assert inside.wait({LIMIT})
+child = os.fork()
+if child == 0:
+    module.Readiness = make
+    kavquote.Client("{HOST}", int(sys.argv[1])).close()
+    os._exit(5)
+forking.set()
+assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 5
+maker.join()
 """,
     )
     assert (ended.returncode, ended.stderr) == (0, "")

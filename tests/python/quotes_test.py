@@ -235,17 +235,18 @@ def test_a_callback_of_batches_gets_arrays(registered):
     assert all(batch.dtype == kavquote.QUOTE_DTYPE and len(batch) for batch in seen)
 
 
-def test_a_callback_that_raises_goes_to_the_log_and_is_called_again(registered, caplog):
+@pytest.mark.parametrize("error", [RuntimeError, SystemExit, KeyboardInterrupt, GeneratorExit])
+def test_a_callback_that_raises_goes_to_the_log_and_is_called_again(registered, caplog, error):
     calls = []
 
     def callback(quote: kavquote.Quote) -> None:
         calls.append(quote)
-        raise RuntimeError("spoiled")
+        raise error("spoiled")
 
     registered.on_quote(callback)
     assert wait_until(lambda: len(calls) > 3)
     registered.close()
-    assert "RuntimeError: spoiled" in caplog.text
+    assert f"{error.__name__}: spoiled" in caplog.text
     assert registered.closed
 
 
@@ -259,6 +260,107 @@ def test_a_callback_may_close_the_client(registered):
     registered.on_quote(callback)
     assert wait_until(lambda: closed)
     assert closed == [True]
+
+
+def callback_threads() -> list[threading.Thread]:
+    return [thread for thread in threading.enumerate() if thread.name == "kavquote-callback"]
+
+
+def test_callbacks_set_on_several_threads_at_once_leave_none_behind(registered):
+    together = threading.Barrier(4)
+
+    def set_some() -> None:
+        for _ in range(10):
+            together.wait(LIMIT)
+            registered.on_quote(lambda quote: None)
+
+    setters = [threading.Thread(target=set_some) for _ in range(together.parties)]
+    for setter in setters:
+        setter.start()
+    for setter in setters:
+        setter.join(LIMIT)
+    registered.on_quote(None)
+    assert callback_threads() == []
+
+
+def test_a_callback_set_while_the_client_closes_is_refused(registered, monkeypatch):
+    stopping, raised, made = threading.Event(), [], []
+
+    class Late(Deliverer):
+        def __init__(self, *arguments) -> None:
+            made.append(registered.closed)
+            super().__init__(*arguments)
+
+        def stop(self) -> None:
+            super().stop()
+            if threading.current_thread() is setter:
+                stopping.set()
+                wait_until(lambda: registered.closed)
+
+    def set_another() -> None:
+        try:
+            registered.on_quote(print)
+        except kavquote.ClosedError as error:
+            raised.append(error)
+
+    monkeypatch.setattr(kavquote.client, "Deliverer", Late)
+    setter = threading.Thread(target=set_another)
+    registered.on_quote(lambda quote: None)
+    setter.start()
+    assert stopping.wait(LIMIT)
+    registered.close()
+    setter.join(LIMIT)
+    assert made == [False]
+    assert len(raised) == 1
+
+
+def test_a_callback_that_is_replaced_on_two_threads_is_waited_for_on_both(registered):
+    inside, leave, returned = threading.Event(), threading.Event(), []
+
+    def first(_: kavquote.Quote) -> None:
+        inside.set()
+        leave.wait(LIMIT)
+
+    def end() -> None:
+        registered.on_quote(None)
+        returned.append(leave.is_set())
+
+    registered.on_quote(first)
+    assert inside.wait(LIMIT)
+    enders = [threading.Thread(target=end) for _ in range(2)]
+    for ender in enders:
+        ender.start()
+    wait_until(lambda: returned, 0.2)  # nothing to see but that none returns
+    leave.set()
+    for ender in enders:
+        ender.join(LIMIT)
+    assert returned == [True, True]
+
+
+@pytest.mark.parametrize("change", ["close", "replace", "end"])
+def test_a_callback_may_change_what_another_thread_changes(registered, change):
+    inside, changing, done = threading.Event(), threading.Event(), []
+
+    def callback(_: kavquote.Quote) -> None:
+        inside.set()
+        assert changing.wait(LIMIT)
+        try:
+            if change == "close":
+                registered.close()
+            else:
+                registered.on_quote(print if change == "replace" else None)
+        finally:
+            done.append(change)
+
+    registered.on_quote(callback)
+    assert inside.wait(LIMIT)
+    closer = threading.Thread(target=registered.close)
+    closer.start()
+    changing.set()
+    closer.join(LIMIT / 4)  # well before it gives a callback up
+    assert not closer.is_alive()
+    assert wait_until(lambda: done)
+    assert wait_until(lambda: callback_threads() == [])
 
 
 def test_async_for_takes_quotes_while_other_tasks_run(registered):

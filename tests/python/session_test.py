@@ -2,10 +2,12 @@
 
 import logging
 import os
+import pickle
 import signal
 import socket
 import threading
 import time
+import traceback
 
 import kavquote
 import pytest
@@ -113,6 +115,24 @@ def test_texts_that_are_too_long_for_a_login_leave_the_client_usable(server):
         client.login("u" * 15, "p" * 32, LIMIT)
 
 
+@pytest.mark.parametrize(
+    "user, password, error",
+    [
+        (12345, "s3cretPW", TypeError),
+        ("user", b"s3cretPW", TypeError),
+        ("user", "s3cretPW\udc80", ValueError),
+        ("s3cret\udc80", "s3cretPW", ValueError),
+    ],
+)
+def test_a_login_with_what_is_no_text_does_not_show_the_password(server, user, password, error):
+    with kavquote.Client(HOST, server.port) as client:
+        with pytest.raises(error, match="a user name and a password are") as raised:
+            client.login(user, password)
+        assert "s3cret" not in "".join(traceback.format_exception(raised.value, limit=0))
+        assert "12345" not in str(raised.value)
+        client.login("user", "password", LIMIT)
+
+
 def test_a_second_login_is_refused(client):
     with pytest.raises(kavquote.Error, match="logged in already"):
         client.login("user", "password")
@@ -146,6 +166,20 @@ def test_a_registration_without_an_answer_is_a_timeout(serve):
         client.login("user", "password", LIMIT)
         with pytest.raises(kavquote.TimeoutError, match="did not answer for IF2612"):
             client.register("IF2612", timeout=0.2)
+
+
+def test_an_answer_behind_quotes_that_nobody_takes_is_told(server):
+    with kavquote.Client(HOST, server.port, capacity=8, when_full="wait") as client:
+        client.login("user", "password", LIMIT)
+        client.register("IF2612", timeout=LIMIT)
+        assert wait_until(lambda: client.waiting == 8)
+        told = "8 quotes wait to be taken, and the answer behind them"
+        with pytest.raises(kavquote.TimeoutError, match=told):
+            assert wait_until(lambda: not client.symbols(0.2))  # until the library waits
+        with pytest.raises(kavquote.TimeoutError, match=f"for rb2705 .*{told}"):
+            client.register("rb2705", timeout=0.2)
+        with pytest.raises(kavquote.TimeoutError, match=f"for IF2612 .*{told}"):
+            client.unregister("IF2612", timeout=0.2)
 
 
 def test_an_unregistered_symbol_sends_no_more_quotes(client):
@@ -235,3 +269,23 @@ def test_ctrl_c_ends_a_wait(client):
     timer.join()
     client.register("IF2612", timeout=LIMIT)
     assert len(client.batch(timeout=LIMIT)) > 0
+
+
+@pytest.mark.parametrize(
+    "error",
+    [
+        kavquote.Error("text"),
+        kavquote.ConnectError("text"),
+        kavquote.LoginError("text", "reason"),
+        kavquote.RegistrationError("text", ["IF2612", "rb2705"]),
+        kavquote.SessionOverError("text"),
+        kavquote.TimeoutError("text"),
+        kavquote.ClosedError("text"),
+        kavquote.ForkedError(),
+    ],
+    ids=lambda error: type(error).__name__,
+)
+def test_an_error_is_the_same_in_another_process(error):
+    copy = pickle.loads(pickle.dumps(error))
+    assert type(copy) is type(error)
+    assert (copy.args, vars(copy)) == (error.args, vars(error))

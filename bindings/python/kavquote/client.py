@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import atexit
+import os
 import socket
 import threading
 import time
@@ -25,10 +26,11 @@ from .errors import (
 )
 from .records import Batch
 from .streams import Batches, Quotes, Readiness, batch_or_none, take_batch
-from .threads import Deliverer, start, tell_log
+from .threads import Deliverer, await_native_calls, start, tell_log
 
 _REFUSAL_GRACE = 0.3  # s; a refusal sent right before the end may be noticed after the end
 _ASK_AGAIN = 1.0  # s; a lost connection takes queued questions for the symbol list with it
+_LONGEST_CLOSING = 15.0  # s; how long the end of the interpreter waits for another thread's close()
 
 DEFAULT_CAPACITY = 65_536
 DEFAULT_BATCH = 8_192
@@ -48,7 +50,8 @@ class Client:
     host: a name or an IPv4 address. port: 1 to 65535. timeout: how long connecting may take, in
     seconds. capacity: so many quotes wait until they are taken, each takes 345 bytes. when_full: with
     "drop" the oldest one is dropped for a new one, which `dropped` counts and a warning tells; with
-    "wait" none is dropped, the library waits, and what waits behind it takes memory without limit.
+    "wait" none is dropped, the library waits, and what waits behind it takes memory without limit:
+    also the server's answers, so take quotes while you register.
 
     All methods may be called on any thread. Once a session is logged in, the library mends a lost
     connection by itself; `state` and `reconnections` tell of it.
@@ -71,14 +74,21 @@ class Client:
         if capacity < 1:
             raise ValueError("capacity is 1 quote at least")
         self._server = f"{host}:{port}"
-        self._native = _native.Session(_resolve(host), port, capacity, when_full == "wait")
-        self._readiness = Readiness(self._native)
+        self._capacity = capacity
+        self._waits_when_full = when_full == "wait"
         self._symbols: dict[str, str] = {}
         self._deliverer: Deliverer | None = None
-        self._closing = threading.Lock()
-        self._log_thread = start("kavquote-log", tell_log, self._native)
-        self._closed = False
-        _open_clients.add(self)
+        self._changing = threading.RLock()  # of _closed and _deliverer; never held across a join()
+        self._is_shut = threading.Event()
+        address = _resolve(host)
+        with _making:
+            if _ending.is_set():
+                raise Error("the interpreter is ending")
+            self._native = _native.Session(address, port, capacity, self._waits_when_full)
+            self._readiness = Readiness(self._native)
+            self._log_thread = start("kavquote-log", tell_log, self._native)
+            self._closed = False
+            _open_clients.add(self)
         self._connect(timeout)
 
     # ---- the session ----
@@ -91,6 +101,7 @@ class Client:
         A login that fails closes the client.
         """
         self._check()
+        _check_texts(user, password)
         if self._native.facts().login_accepted is not None:
             raise Error("this client is logged in already")
         deadline = time.monotonic() + timeout
@@ -103,7 +114,10 @@ class Client:
             raise
 
     def symbols(self, timeout: float = 10.0) -> dict[str, str]:
-        """The server's symbols: the instrument type, one character, by name."""
+        """The server's symbols: the instrument type, one character, by name.
+
+        Raises TimeoutError, also when the list waits behind quotes: see register().
+        """
         self._check_login()
         deadline = time.monotonic() + timeout
         known = self._native.facts().symbol_lists
@@ -113,7 +127,10 @@ class Client:
             if self._wait(lambda f: f.symbol_lists != known or self._over(), min(left, _ASK_AGAIN)):
                 break
             if left <= _ASK_AGAIN:
-                raise TimeoutError(f"{self._server} sent no symbol list within {timeout:g} s")
+                raise self._timeout_error(
+                    f"{self._server} sent no symbol list within {timeout:g} s",
+                    f"no symbol list came within {timeout:g} s",
+                )
         self._check()
         if self._native.facts().symbol_lists == known:
             self._raise_over()
@@ -126,6 +143,9 @@ class Client:
         Raises RegistrationError for symbols that the server does not list (then none is registered)
         or that it refuses (the others are registered), and TimeoutError when it does not answer:
         the library goes on asking then, until unregister(). timeout=0 does not wait.
+
+        With when_full="wait" the answer waits behind quotes while `capacity` of them are not taken:
+        take them meanwhile, on another thread or by a callback, or TimeoutError tells of them.
         """
         self._check_login()
         self._check_listed(symbols)
@@ -139,7 +159,8 @@ class Client:
     def unregister(self, *symbols: str, timeout: float = 5.0) -> None:
         """Asks for no more quotes of symbols, and waits until the server has confirmed that.
 
-        Quotes that have arrived before are still there to be taken. Raises TimeoutError.
+        Quotes that have arrived before are still there to be taken. Raises TimeoutError, also when
+        the answer waits behind quotes: see register().
         """
         self._check_login()
         for symbol in symbols:
@@ -154,15 +175,21 @@ class Client:
         """Ends the session. Afterwards no callback comes; streams end. Closing twice is fine."""
         if self._closed or not self._native.is_of_this_process():
             return
-        self._closed = True
-        with self._closing:
-            if self._deliverer is not None:
-                self._deliverer.ask_to_stop()
+        with self._changing:
+            if self._closed:
+                return
+            self._closed = True
+            deliverer = self._deliverer
+        try:
+            if deliverer is not None:
+                deliverer.ask_to_stop()
             self._native.close()
-            self._stop_callback()
+            if deliverer is not None:
+                self._stop(deliverer)
             if self._log_thread is not threading.current_thread():
                 self._log_thread.join()
-        _open_clients.discard(self)
+        finally:
+            self._is_shut.set()
 
     def __enter__(self) -> Client:
         return self
@@ -217,9 +244,9 @@ class Client:
     def on_quote(self, callback: Callable[[_native.Quote], object] | None) -> None:
         """Calls `callback` with each quote, on a thread of its own; None ends that.
 
-        An exception of the callback goes to the log, and the next quote comes. Meanwhile streams and
-        batch() are refused. Once close() or on_quote(None) has returned, no call comes any more,
-        unless one has not returned for 10 s.
+        An exception of the callback, SystemExit too, goes to the log, and the next quote comes.
+        Meanwhile streams and batch() are refused. Once close() or on_quote(None) has returned, no call
+        comes any more, unless one has not returned for 10 s.
         """
         self._deliver(callback, self._native.next_quote)
 
@@ -271,6 +298,7 @@ class Client:
         try:
             self._native.connect()
             answered = self._wait(lambda facts: facts.connected is not None, timeout)
+            self._check()  # the end of the interpreter may have closed the client
             connected = self._native.facts().connected
         except BaseException:
             self.close()
@@ -350,9 +378,18 @@ class Client:
         if missing and self._over():
             self._raise_over()
         if missing:
-            raise TimeoutError(
-                f"{self._server} did not answer for {', '.join(missing)} in {timeout:g} s"
+            names = ", ".join(missing)
+            raise self._timeout_error(
+                f"{self._server} did not answer for {names} in {timeout:g} s",
+                f"no answer for {names} came in {timeout:g} s",
             )
+
+    def _timeout_error(self, silent: str, late: str) -> TimeoutError:
+        """With `late` when the answer cannot have come through, with `silent` otherwise."""
+        waiting = self._native.waiting
+        if self._waits_when_full and waiting == self._capacity:
+            return TimeoutError(f"{late}: {waiting} quotes wait to be taken, and the answer behind them")
+        return TimeoutError(silent)
 
     def _wait(self, reached: Callable[[_native.Facts], bool], timeout: float) -> bool:
         """Until `reached`, or the client is closed, or the time is over."""
@@ -372,14 +409,27 @@ class Client:
         self._check()
         if callback is not None and not callable(callback):
             raise TypeError("a callback is a function of one argument, or None")
-        self._stop_callback()
-        if callback is not None:
-            self._deliverer = Deliverer(self._native, take, callback)
+        while True:
+            with self._changing:
+                self._check()  # another thread may have closed the client
+                former = self._deliverer
+                if former is None:
+                    if callback is not None:
+                        self._deliverer = Deliverer(self._native, take, callback)
+                    return
+            self._stop(former)
 
-    def _stop_callback(self) -> None:
-        deliverer, self._deliverer = self._deliverer, None
-        if deliverer is not None:
-            deliverer.stop()
+    def _stop(self, deliverer: Deliverer) -> None:
+        deliverer.stop()
+        with self._changing:
+            if self._deliverer is deliverer:  # it is there until it has stopped, for others to wait
+                self._deliverer = None
+
+    def _close_and_wait(self) -> None:
+        """Waits for the close() of another thread, too."""
+        self.close()
+        if self._native.is_of_this_process():
+            self._is_shut.wait(_LONGEST_CLOSING)
 
     def _over(self) -> bool:
         return bool(self._native.ended)
@@ -422,17 +472,40 @@ def _resolve(host: str) -> str:
     return str(found[0][4][0])
 
 
+def _check_texts(user: str, password: str) -> None:
+    # Here, since the native module's error would show what it was given.
+    texts = (user, password)
+    if not all(isinstance(text, str) for text in texts):
+        raise TypeError("a user name and a password are str")
+    if any("\ud800" <= character <= "\udfff" for text in texts for character in text):
+        raise ValueError("a user name and a password are texts that UTF-8 can hold")
+
+
 def _at_least_one(most: int) -> int:
     if most < 1:
         raise ValueError("a batch has room for 1 quote at least")
     return most
 
 
-_open_clients: weakref.WeakSet[Client] = weakref.WeakSet()
+# Whoever makes a client and whoever closes all does it under one lock, so that none is missed. A fork
+# waits for it: the child finds it free.
+_making = threading.RLock()
+_ending = threading.Event()
+_open_clients: weakref.WeakSet[Client] = weakref.WeakSet()  # closed ones, too, until they go
+
+os.register_at_fork(
+    before=_making.acquire,
+    after_in_parent=_making.release,
+    after_in_child=_making.release,
+)
 
 
 @atexit.register
 def _close_all() -> None:
-    # Before the interpreter takes the package's threads down wherever they are.
-    for client in list(_open_clients):
-        client.close()
+    # Before the interpreter takes the threads down wherever they are.
+    with _making:
+        _ending.set()
+        clients = list(_open_clients)
+    for client in clients:
+        client._close_and_wait()
+    await_native_calls()

@@ -43,5 +43,7 @@ class ClosedError(Error):
 class ForkedError(Error):
     """The client belongs to the process that this one was forked from."""
 
-    def __init__(self) -> None:
-        super().__init__("the client stayed in the process that made it; make one after the fork")
+    def __init__(
+        self, message: str = "the client stayed in the process that made it; make one after the fork"
+    ) -> None:
+        super().__init__(message)

@@ -97,6 +97,7 @@ class Stream(Generic[Item]):
         await self._give_others_a_turn()
         deadline = None if self._timeout is None else time.monotonic() + self._timeout
         while True:
+            self._client._check_process()  # before a lock that a forked child may find taken for ever
             ended = self._native.ended  # asked first: what arrived before the end is taken
             item = self._take(0)
             if item is not None:

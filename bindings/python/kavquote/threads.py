@@ -7,7 +7,9 @@ threads are. Neither holds a client, so that one that nobody uses any more can g
 from __future__ import annotations
 
 import logging
+import sys
 import threading
+import time
 from collections.abc import Callable
 from typing import Any
 
@@ -18,6 +20,7 @@ _LEVELS = (logging.DEBUG, logging.INFO, logging.WARNING, logging.ERROR)
 
 _SLICE = 0.05  # s; an idle callback thread looks so often whether it is to end
 _LONGEST_CALLBACK = 10.0  # s; how long the end of a callback is waited for
+_LONGEST_LEAVING = 5.0  # s; how long the end of native calls is waited for
 
 
 def start(name: str, target: Callable[..., None], *arguments: Any) -> threading.Thread:
@@ -31,6 +34,29 @@ def tell_log(native: _native.Session) -> None:
     while lines := native.take_log():
         for level, text in lines:
             _logger.log(_LEVELS[level], "%s", text)
+
+
+def await_native_calls() -> None:
+    """Until no other thread is in native code any more: the end of the interpreter aborts there.
+
+    For the end, when all clients are closed and their calls return.
+    """
+    deadline = time.monotonic() + _LONGEST_LEAVING
+    inside = _threads_inside()
+    while inside and time.monotonic() < deadline:
+        time.sleep(0.001)
+        inside &= _threads_inside()
+
+
+def _threads_inside() -> set[int]:
+    # A native call has no frame of its own: the last one is that of the package's function.
+    frames = sys._current_frames()
+    del frames[threading.get_ident()]
+    return {
+        thread
+        for thread, frame in frames.items()
+        if frame.f_globals.get("__package__") == __package__
+    }
 
 
 class Deliverer:
@@ -74,5 +100,5 @@ class Deliverer:
     def _call(self, item: Any) -> None:
         try:
             self._callback(item)
-        except Exception:
+        except BaseException:  # SystemExit, too: this thread is not the caller's to end
             _logger.exception("a callback of yours raised; the next quote comes all the same")
