@@ -99,6 +99,24 @@ assert min(closed) >= 2
     assert (ended.returncode, ended.stderr) == (0, "")
 
 
+@pytest.mark.parametrize("attempt", range(6))
+def test_an_interpreter_ends_though_waiting_threads_have_their_turn_late(server, attempt):
+    ended = run(
+        server,
+        """
+def compute():
+    while True:
+        pass
+client.unregister("IF2612")
+for _ in range(30):
+    threading.Thread(target=lambda: list(client.quotes()), daemon=True).start()
+for _ in range(3):
+    threading.Thread(target=compute, daemon=True).start()
+""",
+    )
+    assert (ended.returncode, ended.stderr) == (0, "")
+
+
 def test_no_client_is_made_once_the_interpreter_has_closed_them(server):
     ended = run_alone(
         server,
