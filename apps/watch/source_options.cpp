@@ -138,8 +138,10 @@ void declare_source_options(CLI::App& app, raw_source& raw) {
 }
 
 void declare_choice_options(CLI::App& app, raw_source& raw, const std::string& verb) {
-  app.add_option("symbols", raw.symbols,
-                 fmt::format("Symbols to {}; when none is named, all that the server lists at the login", verb))
+  app.add_option(
+         "symbols", raw.symbols,
+         fmt::format("Symbols to {}; when none is named, all that the server lists at the login",
+                     verb))
       ->type_name("SYMBOL");
   app.add_flag("--keep-going", raw.keep_going,
                "Go on with the known symbols when others are unknown");

@@ -24,7 +24,7 @@ processes+=($!)
 wait_until has_lines "$folder/sim.out" 1
 address=$(sed -n 's/^listening on //p' "$folder/sim.out")
 KAV_PASSWORD=any expect_status 0 "$record" --server "$address" --user me --output "$folder" \
-  --progress 0.1 --seconds 1
+  --progress 0.05 --count 200
 [[ -s $(find "$folder" -name '*.csv.gz') ]] || fail "nothing was recorded"
 kill -TERM "${processes[0]}"
 wait "${processes[0]}" || fail "the simulator ended with status $?"
