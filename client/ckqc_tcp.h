@@ -72,7 +72,7 @@ class Ckqc_tcp : public KAVQuoteApi {
   static void operator delete(void* memory);  // after a constructor that threw
 
   bool ConnServer(std::vector<KqsTcpInfo>& servers, KAVQuoteEvent* event) override;
-  bool ConnServer(KqsTcpInfo& server, KAVQuoteEvent* event) override;
+  bool ConnServer(KqsTcpInfo& info, KAVQuoteEvent* event) override;
   int InitMulticast(std::vector<KqsMulticastInfo>& groups, KAVQuoteEvent* event) override;
   int LoginToKqs(KqsLoginParam& param) override;
   int QuerySymbolList() override;

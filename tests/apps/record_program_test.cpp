@@ -19,7 +19,6 @@ using kav_watch_test::child_options;
 using kav_watch_test::child_process;
 using kav_watch_test::quote_of;
 using kav_watch_test::wait_until;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
@@ -208,9 +207,11 @@ TEST_F(record_program_test, a_folder_that_is_no_good_is_told_before_the_session)
   for (const auto& [folder, why] :
        {std::pair<std::string, std::string>{m_folder / "file", "not a folder"},
         {m_folder / "none", "No such file or directory"}}) {
-    EXPECT_EQ("kav-record: cannot make files in " + folder + ": " + why +
-                  "; give --output a folder that can be written to\n",
-              run_with({"--server", server, "--user", "me", "--output", folder}, 9));
+    EXPECT_EQ(
+        fmt::format("kav-record: cannot make files in {}: {}; give --output a folder that can "
+                    "be written to\n",
+                    folder, why),
+        run_with({"--server", server, "--user", "me", "--output", folder}, 9));
   }
   EXPECT_EQ(0u, m_server.connections().ever);
 }
