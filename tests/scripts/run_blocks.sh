@@ -112,11 +112,12 @@ getting_started_ends_with_quotes() {
 }
 
 installing_gives_what_cmake_and_pkg_config_find() {
-  local way
+  local way libraries
   run "$(block docs/installing.md 1)"
   awk '/^```cpp/ { inside = 1; next } /^```/ { inside = 0 } inside' "$root/README.md" >quotes.cpp
   run "$(block docs/installing.md 4)"
-  LD_LIBRARY_PATH="" ldd a.out | grep -q "libkavquote.so.1 => $HOME/kavquote/lib" || fail "$(ldd a.out)"
+  libraries=$(LD_LIBRARY_PATH="" ldd a.out)
+  [[ $libraries == *"libkavquote.so.1 => $HOME/kavquote/lib"* ]] || fail "$libraries"
   for way in find_package add_subdirectory FetchContent; do
     mkdir -p "$way"
     {
