@@ -9,6 +9,7 @@
 #include "apps/sim/program_options.h"
 #include "apps/sim/stop_signal.h"
 #include "apps/standard_error.h"
+#include "apps/watch/text_safety.h"
 
 namespace {
 
@@ -30,7 +31,11 @@ server_options server_of(const program_options& o, const tick_source& source) {
   s.symbols = source.symbols();
   s.heartbeat = ms_of(o.heartbeat_seconds);
   s.record_received = false;
-  if (!o.quiet) s.log = [](const std::string& line) { kav_apps::tell(fmt::format("{}\n", line)); };
+  if (!o.quiet) {
+    s.log = [](const std::string& line) {  // with what clients sent in it
+      kav_apps::tell(kav_watch::printable_text(line) + "\n");
+    };
+  }
   return s;
 }
 

@@ -3,9 +3,12 @@
 #include <sys/wait.h>  // waitpid
 #include <unistd.h>    // fork, execl
 
-#include <csignal>  // kill
-#include <cstdio>   // popen
-#include <cstdlib>  // atoi
+#include <algorithm>  // std::min
+#include <csignal>    // kill
+#include <cstdio>     // popen
+#include <cstdlib>    // atoi
+#include <cstring>    // strncmp
+#include <vector>     // std::vector
 
 #include "tests/apps/sim_raw_client.h"
 
@@ -75,31 +78,84 @@ TEST(sim_program, help_version_and_list_end_it_with_0) {
   EXPECT_NE(std::string::npos, list.text.find("2 4\n"));
 }
 
-TEST(sim_program, it_serves_a_client_and_a_second_one_on_its_port_ends_with_1) {
-  int ends[2];
-  ASSERT_EQ(0, ::pipe(ends));
-  const pid_t child = ::fork();
-  ASSERT_NE(-1, child);
-  if (child == 0) {
-    ::dup2(ends[1], STDOUT_FILENO);
-    ::execl(KAV_SIM_PROGRAM, KAV_SIM_PROGRAM, "--seconds", "60", "--heartbeat", "0", "--rate", "50",
-            "--quiet", static_cast<char*>(nullptr));
-    ::_exit(127);
+// The program while it runs, at a port that it has told. Killed with the object if it has not
+// ended by then.
+class running_sim {
+ public:
+  explicit running_sim(std::vector<std::string> words) {
+    words.insert(words.begin(), KAV_SIM_PROGRAM);
+    std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
+    for (std::string& word : words) arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    int output[2], errors[2];
+    EXPECT_EQ(0, ::pipe(output));
+    EXPECT_EQ(0, ::pipe(errors));
+    m_pid = ::fork();
+    if (m_pid == 0) {
+      ::dup2(output[1], STDOUT_FILENO);
+      ::dup2(errors[1], STDERR_FILENO);
+      for (const int fd : {output[0], output[1], errors[0], errors[1]}) ::close(fd);
+      ::execv(arguments[0], arguments.data());
+      ::_exit(127);
+    }
+    ::close(output[1]);
+    ::close(errors[1]);
+    m_output = ::fdopen(output[0], "r");
+    m_errors = ::fdopen(errors[0], "r");
+    char line[512] = "";
+    EXPECT_NE(nullptr, std::fgets(line, sizeof line, m_output));
+    const std::string head = "listening on 127.0.0.1:";
+    EXPECT_EQ(0, std::strncmp(line, head.c_str(), head.size())) << line;
+    m_port =
+        static_cast<unsigned short>(std::atoi(line + std::min(head.size(), std::strlen(line))));
   }
-  ::close(ends[1]);
-  FILE* pipe = ::fdopen(ends[0], "r");
-  char line[512] = "";
-  ASSERT_NE(nullptr, std::fgets(line, sizeof line, pipe));
-  const std::string first = line, head = "listening on 127.0.0.1:";
-  ASSERT_EQ(0u, first.find(head)) << first;
-  const std::string port = first.substr(head.size(), first.size() - head.size() - 1);
+  running_sim(const running_sim&) = delete;
+  running_sim& operator=(const running_sim&) = delete;
+  ~running_sim() {
+    if (m_pid > 0) {
+      ::kill(m_pid, SIGKILL);
+      ::waitpid(m_pid, nullptr, 0);
+    }
+    std::fclose(m_output);
+    std::fclose(m_errors);
+  }
+
+  unsigned short port() const { return m_port; }
+  // Asks it to end; its exit status, -1 when a signal was the cause.
+  int end() {
+    EXPECT_EQ(0, ::kill(m_pid, SIGTERM));
+    int status = -1;
+    EXPECT_EQ(m_pid, ::waitpid(m_pid, &status, 0));
+    m_pid = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  // What it has told on standard error; to be asked once it has ended.
+  std::string errors() {
+    std::string all;
+    for (int c = std::fgetc(m_errors); c != EOF; c = std::fgetc(m_errors)) {
+      all.push_back(static_cast<char>(c));
+    }
+    return all;
+  }
+
+ private:
+  pid_t m_pid = -1;
+  FILE* m_output = nullptr;
+  FILE* m_errors = nullptr;
+  unsigned short m_port = 0;
+};
+
+TEST(sim_program, it_serves_a_client_and_a_second_one_on_its_port_ends_with_1) {
+  running_sim sim{{"--seconds", "60", "--heartbeat", "0", "--rate", "50", "--quiet"}};
+  const std::string port = std::to_string(sim.port());
 
   const outcome second = run("--port " + port);
   EXPECT_EQ(1, second.status);
   EXPECT_EQ("kav-sim: cannot listen on 127.0.0.1:" + port + ": Address already in use\n",
             second.text);
 
-  raw_client client{static_cast<unsigned short>(std::atoi(port.c_str()))};
+  raw_client client{sim.port()};
   ASSERT_TRUE(client.send(login_bytes("trader", k_abc_digest)));
   EXPECT_EQ('Y', client.read_exactly(24)[1]);
   ASSERT_TRUE(client.send(symbol_request_bytes('N', '2', "0")));
@@ -107,13 +163,20 @@ TEST(sim_program, it_serves_a_client_and_a_second_one_on_its_port_ends_with_1) {
   const std::string message = client.read_exactly(367);
   EXPECT_EQ("Q2", message.substr(0, 2));
   EXPECT_EQ(std::string("0\0", 2), message.substr(31, 2));
+  EXPECT_EQ(0, sim.end());
+}
 
-  ASSERT_EQ(0, ::kill(child, SIGTERM));
-  int status = -1;
-  ASSERT_EQ(child, ::waitpid(child, &status, 0));
-  EXPECT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(0, WEXITSTATUS(status));
-  std::fclose(pipe);
+TEST(sim_program, what_a_client_sends_cannot_move_the_cursor_of_whoever_reads_its_lines) {
+  running_sim sim{{"--seconds", "60", "--heartbeat", "0"}};
+  raw_client client{sim.port()};
+  ASSERT_TRUE(client.send(login_bytes("\x1b[2J\ntrader\x9b", k_abc_digest)));
+  EXPECT_EQ('Y', client.read_exactly(24)[1]);
+  ASSERT_TRUE(client.send(symbol_request_bytes('N', '2', "a\rb\x07")));
+  EXPECT_EQ("I1", client.read_exactly(32).substr(0, 2));
+  EXPECT_EQ(0, sim.end());
+  const std::string told = sim.errors();
+  EXPECT_NE(std::string::npos, told.find(": logged in as ?[2J?trader?\n")) << told;
+  EXPECT_NE(std::string::npos, told.find(": registration of a?b? with type ")) << told;
 }
 
 TEST(sim_program, it_ends_by_itself_with_a_summary) {
