@@ -1,10 +1,11 @@
 // Feeds from end to end: ticks that kav-feed's publisher turns into datagrams, through the kernel,
 // the receiver and the decoder to the callback.
-#include <array>   // std::array
-#include <cmath>   // std::nearbyint
-#include <cstdio>  // printf
-#include <map>     // std::map
-#include <thread>  // std::thread
+#include <array>     // std::array
+#include <cmath>     // std::nearbyint
+#include <cstdio>    // printf
+#include <map>       // std::map
+#include <optional>  // std::optional
+#include <thread>    // std::thread
 
 #include "apps/feed/publisher.h"
 #include "apps/sim/market.h"
@@ -12,6 +13,7 @@
 #include "tests/client/multicast_support.h"
 #include "tests/client/session_support.h"
 #include "tests/client/tick_sample.h"
+#include "tests/support/machine.h"
 #include "tests/support/process_view.h"
 #include "tests/support/quotes_only.h"
 
@@ -23,6 +25,7 @@ using kav_test::group;
 using kav_test::k_sanitized;
 
 constexpr int k_attempts = 8;  // on a machine that others use, a core may be away for too long
+constexpr double k_most_taken = 0.3;  // processors that others had, of those of this machine
 constexpr int k_market_ticks = 10'000;
 constexpr std::size_t k_most_quotes = 300'000;
 
@@ -297,9 +300,13 @@ TEST_F(multicast_feed_test, every_field_of_a_recorded_day_arrives_through_every_
   EXPECT_TRUE(whole);
 }
 
+struct paced_drops {
+  std::uint64_t dropped;
+  bool undisturbed;  // other programs have left the processors to sender and receiver
+};
+
 // Publishes one feed and tells what the system dropped.
-std::uint64_t drops_at(double per_second, std::uint64_t datagrams,
-                       const kav_feed::feed_group& shfe) {
+paced_drops drops_at(double per_second, std::uint64_t datagrams, const kav_feed::feed_group& shfe) {
   feed_client client(shfe);
   EXPECT_TRUE(client.started());
   kav_feed::publisher_options options;
@@ -312,29 +319,39 @@ std::uint64_t drops_at(double per_second, std::uint64_t datagrams,
   run.rate = per_second;
   run.count = datagrams;
   kav_sim::market market{kav_sim::market_options{}};
+  const double others = kav_test::processor_seconds_of_others();
   const clock::time_point start = clock::now();
   EXPECT_EQ(kav_feed::run_end::count_reached, publisher.run(market, run, error)) << error;
   const double seconds = std::chrono::duration<double>(clock::now() - start).count();
   const KAVMulticastStatistics got = client.account_for(datagrams);
+  const double taken = (kav_test::processor_seconds_of_others() - others) / seconds;
   EXPECT_EQ(datagrams, got.m_Quotes + got.m_Dropped);
   EXPECT_EQ(got.m_Quotes, client.quotes().size());
-  std::printf("%.0f datagrams a second for %.2f s: %llu quotes, %llu dropped by the system\n",
-              static_cast<double>(datagrams) / seconds, seconds,
-              static_cast<unsigned long long>(got.m_Quotes),
-              static_cast<unsigned long long>(got.m_Dropped));
-  return got.m_Dropped;
+  std::printf(
+      "%.0f datagrams a second for %.2f s: %llu quotes, %llu dropped by the system; other "
+      "programs took %.2f processors\n",
+      static_cast<double>(datagrams) / seconds, seconds,
+      static_cast<unsigned long long>(got.m_Quotes), static_cast<unsigned long long>(got.m_Dropped),
+      taken);
+  return {got.m_Dropped, taken < k_most_taken};
 }
 
 // The system's buffer lasts for two milliseconds at this pace. Virtual machines are away for longer
-// at times, so that some attempts lose a few; each of those is counted.
+// at times, so that some attempts lose a few; each of those is counted. Where other programs want
+// the processors all the time, only the counts are tested.
 TEST_F(multicast_feed_test, at_50000_datagrams_a_second_for_5_seconds_none_is_lost_uncounted) {
   constexpr double k_rate = k_sanitized ? 5'000 : 50'000;
   constexpr std::uint64_t k_datagrams = static_cast<std::uint64_t>(k_rate * 5);
-  std::uint64_t fewest = k_datagrams;
-  for (int attempt = 0; attempt < k_attempts && fewest > 0 && !HasFailure(); ++attempt) {
-    fewest = std::min(fewest, drops_at(k_rate, k_datagrams, group_of(feed::shfe)));
+  std::optional<std::uint64_t> fewest;  // of the undisturbed attempts
+  for (int attempt = 0; attempt < k_attempts && fewest != 0u && !HasFailure(); ++attempt) {
+    const paced_drops each = drops_at(k_rate, k_datagrams, group_of(feed::shfe));
+    if (each.undisturbed) fewest = std::min(fewest.value_or(k_datagrams), each.dropped);
   }
-  EXPECT_LE(fewest, k_datagrams / 100);
+  if (fewest) {
+    EXPECT_LE(*fewest, k_datagrams / 100);
+  } else {
+    std::printf("other programs disturbed each attempt: how many are dropped was not tested\n");
+  }
 }
 
 }  // namespace

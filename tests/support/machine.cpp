@@ -1,9 +1,10 @@
 #include "tests/support/machine.h"
 
 #include <sys/utsname.h>  // uname
+#include <unistd.h>       // sysconf
 
 #include <cstdlib>  // strtoull, getloadavg
-#include <ctime>    // gmtime_r, strftime
+#include <ctime>    // gmtime_r, strftime, clock_gettime
 #include <fstream>  // std::ifstream
 #include <thread>   // hardware_concurrency
 
@@ -45,6 +46,17 @@ machine this_machine() {
   m.date = utc_now();
   if (::getloadavg(&m.load, 1) != 1) m.load = 0;
   return m;
+}
+
+double processor_seconds_of_others() {
+  std::ifstream file{"/proc/stat"};
+  std::string cpu;
+  double user = 0, nice = 0, system = 0, idle = 0, waiting = 0, irq = 0, softirq = 0, stolen = 0;
+  file >> cpu >> user >> nice >> system >> idle >> waiting >> irq >> softirq >> stolen;
+  timespec own{};
+  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &own);
+  const double all = (user + nice + system + stolen) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+  return all - static_cast<double>(own.tv_sec) - static_cast<double>(own.tv_nsec) / 1e9;
 }
 
 }  // namespace kav_test

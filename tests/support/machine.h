@@ -16,4 +16,8 @@ struct machine {
 // As it is now.
 machine this_machine();
 
+// Processor seconds that everybody but this process has had since the system began, all cores
+// together, those that the host of a virtual machine has kept included; to the hundredth.
+double processor_seconds_of_others();
+
 }  // namespace kav_test
