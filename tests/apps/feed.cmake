@@ -8,7 +8,8 @@ kav_add_test(feed_core_test
 kav_add_test(feed_publisher_test
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/feed_publisher_test.cpp
           ${CMAKE_CURRENT_LIST_DIR}/feed_program_test.cpp
-  LIBRARIES kav_feed_core ZLIB::ZLIB)
+          ${CMAKE_CURRENT_LIST_DIR}/watch_process.cpp
+  LIBRARIES kav_feed_core ZLIB::ZLIB util)
 add_dependencies(feed_publisher_test kav-feed)
 target_compile_definitions(feed_publisher_test PRIVATE
-  KAV_FEED_PROGRAM="$<TARGET_FILE:kav-feed>")
+  KAV_TESTED_PROGRAM="$<TARGET_FILE:kav-feed>")

@@ -1,12 +1,11 @@
 // kav-feed as a program: what it prints and publishes, how it ends.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>  // waitpid
-#include <unistd.h>    // fork, execv
+#include <sys/wait.h>  // WEXITSTATUS
 #include <zlib.h>      // gzopen
 
 #include <chrono>      // std::chrono::steady_clock
-#include <csignal>     // kill
+#include <csignal>     // SIGINT
 #include <cstdio>      // popen
 #include <cstring>     // strstr, memcpy
 #include <filesystem>  // std::filesystem
@@ -14,10 +13,14 @@
 #include <sstream>     // std::istringstream
 
 #include "tests/apps/feed_receiver.h"
+#include "tests/apps/watch_process.h"
 
 namespace kav_feed_test {
 
 using kav_feed::feed;
+using kav_watch_test::child_options;
+using kav_watch_test::child_process;
+using kav_watch_test::split_lines;
 using testing::HasSubstr;
 
 struct outcome {
@@ -36,77 +39,15 @@ outcome run_command(const std::string& command) {
 
 // timeout ends what does not end by itself.
 outcome run(const std::string& arguments) {
-  return run_command("timeout 60 " KAV_FEED_PROGRAM " " + arguments + " 2>&1");
+  return run_command("timeout 60 " KAV_TESTED_PROGRAM " " + arguments + " 2>&1");
 }
 
-// The program while it runs. Killed with the object if it has not ended by then.
-class running_program {
- public:
-  explicit running_program(const std::string& arguments) {
-    std::vector<std::string> words{KAV_FEED_PROGRAM};
-    std::istringstream stream{arguments};
-    for (std::string word; stream >> word;) words.push_back(word);
-    std::vector<char*> argv;
-    argv.reserve(words.size() + 1);
-    for (std::string& word : words) argv.push_back(word.data());
-    argv.push_back(nullptr);
-    int output[2], errors[2];
-    EXPECT_EQ(0, ::pipe(output));
-    EXPECT_EQ(0, ::pipe(errors));
-    m_pid = ::fork();
-    if (m_pid == 0) {
-      ::dup2(output[1], STDOUT_FILENO);
-      ::dup2(errors[1], STDERR_FILENO);
-      for (const int fd : {output[0], output[1], errors[0], errors[1]}) ::close(fd);
-      ::execv(argv[0], argv.data());
-      ::_exit(127);
-    }
-    ::close(output[1]);
-    ::close(errors[1]);
-    m_output = ::fdopen(output[0], "r");
-    m_errors = ::fdopen(errors[0], "r");
-  }
-  running_program(const running_program&) = delete;
-  running_program& operator=(const running_program&) = delete;
-  ~running_program() {
-    if (m_pid > 0) {
-      ::kill(m_pid, SIGKILL);
-      ::waitpid(m_pid, nullptr, 0);
-    }
-    std::fclose(m_output);
-    std::fclose(m_errors);
-  }
-
-  // The next line of standard output, without its end; empty at the end.
-  std::string line() { return line_of(m_output); }
-  void send_signal(int number) const { ::kill(m_pid, number); }
-  // Waits for the end; -1 when a signal was the cause.
-  int wait() {
-    int status = -1;
-    while (m_pid > 0 && ::waitpid(m_pid, &status, 0) < 0 && errno == EINTR) continue;
-    m_pid = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-  std::string errors() {
-    std::string all;
-    for (std::string next = line_of(m_errors); !next.empty(); next = line_of(m_errors)) {
-      all += next + "\n";
-    }
-    return all;
-  }
-
- private:
-  static std::string line_of(FILE* from) {
-    char text[1024] = "";
-    if (std::fgets(text, sizeof text, from) == nullptr) return "";
-    std::string result = text;
-    return result.substr(0, result.find('\n'));
-  }
-
-  pid_t m_pid = -1;
-  FILE* m_output = nullptr;
-  FILE* m_errors = nullptr;
-};
+child_options with(const std::string& arguments) {
+  child_options options;
+  std::istringstream words{arguments};
+  for (std::string word; words >> word;) options.arguments.push_back(word);
+  return options;
+}
 
 TEST(feed_program, bad_options_end_it_with_2_and_one_line) {
   for (const char* arguments : {"--bogus",
@@ -181,7 +122,7 @@ TEST(feed_program, a_send_that_fails_ends_it_with_1) {
     GTEST_SKIP() << "this host allows no network namespaces";
   }
   const outcome result =
-      run_command(alone + "{ timeout 60 " KAV_FEED_PROGRAM
+      run_command(alone + "{ timeout 60 " KAV_TESTED_PROGRAM
                           " --feeds SHFE --speed 0 --rate 100 --quiet; echo status $?; } 2>&1 | "
                           "while read -r line; do echo \"$line\"; "
                           "[ \"$line\" != publishing ] || ip addr del 127.0.0.1/8 dev lo; done'");
@@ -195,16 +136,16 @@ TEST(feed_program, it_publishes_until_ctrl_c) {
   for (const int number : {SIGINT, SIGTERM}) {
     receiver shfe{feed::shfe, 21};
     receiver lumen{feed::lumen, 22};
-    running_program program{"--feeds LUMEN,SHFE --snapshots 50 " + shfe.option() + " " +
-                            lumen.option()};
-    EXPECT_EQ(text_of(shfe.group()), program.line());
-    EXPECT_EQ(text_of(lumen.group()), program.line());
-    EXPECT_EQ("publishing", program.line());
+    child_process program{
+        with("--feeds LUMEN,SHFE --snapshots 50 " + shfe.option() + " " + lumen.option())};
+    EXPECT_EQ(text_of(shfe.group()), program.line(0));
+    EXPECT_EQ(text_of(lumen.group()), program.line(1));
+    EXPECT_EQ("publishing", program.line(2));
     EXPECT_EQ(120u, lumen.next().size());
     EXPECT_EQ(108u, lumen.next().size());
     program.send_signal(number);
     EXPECT_EQ(0, program.wait());
-    EXPECT_EQ("", program.line());
+    EXPECT_EQ(3u, split_lines(program.output()).size()) << program.output();
     const std::string errors = program.errors();
     EXPECT_EQ(0u, errors.find("end: SHFE ")) << errors;
     EXPECT_THAT(errors, HasSubstr("; LUMEN "));
@@ -213,10 +154,10 @@ TEST(feed_program, it_publishes_until_ctrl_c) {
 
 TEST(feed_program, receivers_that_have_joined_before_it_publishes_get_everything) {
   receiver cffex{feed::cffex, 23};
-  running_program program{"--feeds CFFEX --speed 0 --count 150 --wait 0.3 " + cffex.option()};
-  EXPECT_EQ(text_of(cffex.group()), program.line());
+  child_process program{with("--feeds CFFEX --speed 0 --count 150 --wait 0.3 " + cffex.option())};
+  EXPECT_EQ(text_of(cffex.group()), program.line(0));
   const auto ready = std::chrono::steady_clock::now();
-  EXPECT_EQ("publishing", program.line());
+  EXPECT_EQ("publishing", program.line(1));
   EXPECT_GE(std::chrono::steady_clock::now() - ready, std::chrono::milliseconds{150});
   EXPECT_EQ(0, program.wait());
   EXPECT_EQ(150u, cffex.arrived().size());
@@ -225,11 +166,11 @@ TEST(feed_program, receivers_that_have_joined_before_it_publishes_get_everything
 
 TEST(feed_program, a_signal_while_it_waits_ends_it_with_nothing_published) {
   receiver cffex{feed::cffex, 24};
-  running_program program{"--feeds CFFEX --wait 1000 " + cffex.option()};
-  EXPECT_EQ(text_of(cffex.group()), program.line());
+  child_process program{with("--feeds CFFEX --wait 1000 " + cffex.option())};
+  EXPECT_EQ(text_of(cffex.group()), program.line(0));
   program.send_signal(SIGINT);
   EXPECT_EQ(0, program.wait());
-  EXPECT_EQ("", program.line());
+  EXPECT_EQ(1u, split_lines(program.output()).size()) << program.output();
   EXPECT_THAT(program.errors(), HasSubstr("end: CFFEX 0 sent, "));
   EXPECT_TRUE(cffex.arrived().empty());
 }

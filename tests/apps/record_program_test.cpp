@@ -4,9 +4,10 @@
 #include <sched.h>      // unshare
 #include <sys/mount.h>  // mount
 
-#include <csignal>  // SIGKILL
-#include <cstdlib>  // std::getenv
-#include <cstring>  // std::memcmp
+#include <algorithm>  // std::min
+#include <csignal>    // SIGKILL
+#include <cstdlib>    // std::getenv
+#include <cstring>    // std::memcmp
 
 #include "apps/sim/tick_file.h"
 #include "apps/watch/quote_format.h"
@@ -264,10 +265,9 @@ class record_replay_test : public testing::Test {
     options.program = KAV_SIM_PROGRAM;
     options.arguments = {"--port", "0", "--ticks", path, "--speed", "0", "--quiet"};
     m_simulator = std::make_unique<child_process>(options);
-    const std::string head = "listening on ";
-    wait_until([&] { return m_simulator->output().find('\n') != std::string::npos; });
-    const std::string line = m_simulator->output();
-    return line.substr(head.size(), line.find('\n') - head.size());
+    const std::string head = "listening on ", line = m_simulator->line(0);
+    EXPECT_EQ(0u, line.find(head)) << line;
+    return line.substr(std::min(head.size(), line.size()));
   }
   static std::vector<kav_sim::tick> ticks_of(const std::string& path) {
     std::vector<kav_sim::tick> ticks;

@@ -1,18 +1,21 @@
 // kav-sim as a program: what it prints, how it ends.
 #include <gtest/gtest.h>
-#include <sys/wait.h>  // waitpid
-#include <unistd.h>    // fork, execl
+#include <sys/wait.h>  // WEXITSTATUS
 
 #include <algorithm>  // std::min
-#include <csignal>    // kill
+#include <csignal>    // SIGTERM
 #include <cstdio>     // popen
 #include <cstdlib>    // atoi
-#include <cstring>    // strncmp
+#include <optional>   // std::optional
 #include <vector>     // std::vector
 
 #include "tests/apps/sim_raw_client.h"
+#include "tests/apps/watch_process.h"
 
 namespace kav_sim_test {
+
+using kav_watch_test::child_options;
+using kav_watch_test::child_process;
 
 struct outcome {
   int status = -1;
@@ -21,7 +24,7 @@ struct outcome {
 
 // timeout ends what does not end by itself.
 std::string command(const std::string& arguments) {
-  return "timeout 60 " KAV_SIM_PROGRAM " " + arguments + " 2>&1";
+  return "timeout 60 " KAV_TESTED_PROGRAM " " + arguments + " 2>&1";
 }
 
 outcome run(const std::string& arguments) {
@@ -78,71 +81,32 @@ TEST(sim_program, help_version_and_list_end_it_with_0) {
   EXPECT_NE(std::string::npos, list.text.find("2 4\n"));
 }
 
-// The program while it runs, at a port that it has told. Killed with the object if it has not
-// ended by then.
+// The program while it runs, at a port that it has told.
 class running_sim {
  public:
-  explicit running_sim(std::vector<std::string> words) {
-    words.insert(words.begin(), KAV_SIM_PROGRAM);
-    std::vector<char*> arguments;
-    arguments.reserve(words.size() + 1);
-    for (std::string& word : words) arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    int output[2], errors[2];
-    EXPECT_EQ(0, ::pipe(output));
-    EXPECT_EQ(0, ::pipe(errors));
-    m_pid = ::fork();
-    if (m_pid == 0) {
-      ::dup2(output[1], STDOUT_FILENO);
-      ::dup2(errors[1], STDERR_FILENO);
-      for (const int fd : {output[0], output[1], errors[0], errors[1]}) ::close(fd);
-      ::execv(arguments[0], arguments.data());
-      ::_exit(127);
-    }
-    ::close(output[1]);
-    ::close(errors[1]);
-    m_output = ::fdopen(output[0], "r");
-    m_errors = ::fdopen(errors[0], "r");
-    char line[512] = "";
-    EXPECT_NE(nullptr, std::fgets(line, sizeof line, m_output));
-    const std::string head = "listening on 127.0.0.1:";
-    EXPECT_EQ(0, std::strncmp(line, head.c_str(), head.size())) << line;
-    m_port =
-        static_cast<unsigned short>(std::atoi(line + std::min(head.size(), std::strlen(line))));
-  }
-  running_sim(const running_sim&) = delete;
-  running_sim& operator=(const running_sim&) = delete;
-  ~running_sim() {
-    if (m_pid > 0) {
-      ::kill(m_pid, SIGKILL);
-      ::waitpid(m_pid, nullptr, 0);
-    }
-    std::fclose(m_output);
-    std::fclose(m_errors);
+  explicit running_sim(const std::vector<std::string>& arguments) : m_child{with(arguments)} {
+    const std::string head = "listening on 127.0.0.1:", line = m_child.line(0);
+    EXPECT_EQ(0u, line.find(head)) << line;
+    m_port = static_cast<unsigned short>(
+        std::atoi(line.substr(std::min(head.size(), line.size())).c_str()));
   }
 
   unsigned short port() const { return m_port; }
-  // Asks it to end; its exit status, -1 when a signal was the cause.
-  int end() {
-    EXPECT_EQ(0, ::kill(m_pid, SIGTERM));
-    int status = -1;
-    EXPECT_EQ(m_pid, ::waitpid(m_pid, &status, 0));
-    m_pid = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  // Asks it to end; its exit status.
+  std::optional<int> end() {
+    m_child.send_signal(SIGTERM);
+    return m_child.wait();
   }
-  // What it has told on standard error; to be asked once it has ended.
-  std::string errors() {
-    std::string all;
-    for (int c = std::fgetc(m_errors); c != EOF; c = std::fgetc(m_errors)) {
-      all.push_back(static_cast<char>(c));
-    }
-    return all;
-  }
+  std::string errors() const { return m_child.errors(); }
 
  private:
-  pid_t m_pid = -1;
-  FILE* m_output = nullptr;
-  FILE* m_errors = nullptr;
+  static child_options with(const std::vector<std::string>& arguments) {
+    child_options options;
+    options.arguments = arguments;
+    return options;
+  }
+
+  child_process m_child;
   unsigned short m_port = 0;
 };
 

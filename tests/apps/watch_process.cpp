@@ -10,6 +10,7 @@
 #include <sys/wait.h>      // waitpid
 #include <unistd.h>        // fork, execv
 
+#include <algorithm>  // std::count
 #include <cstdlib>    // setenv
 #include <fstream>    // std::ifstream
 #include <iterator>   // std::istreambuf_iterator
@@ -142,6 +143,15 @@ void child_process::close_output() {
 std::string child_process::output() const {
   const std::lock_guard lock(m_lock);
   return m_output;
+}
+
+std::string child_process::line(std::size_t number) const {
+  std::string text;
+  const auto is_whole = [&] {
+    text = output();
+    return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) > number;
+  };
+  return wait_until(is_whole) ? split_lines(text)[number] : "";
 }
 
 std::string child_process::errors() const {

@@ -4,6 +4,7 @@
 #include <sys/types.h>  // pid_t
 
 #include <chrono>      // std::chrono::milliseconds
+#include <cstddef>     // std::size_t
 #include <functional>  // std::function
 #include <mutex>       // std::mutex
 #include <optional>    // std::optional
@@ -52,6 +53,9 @@ class child_process {
   void resize(unsigned short rows, unsigned short columns) const;  // terminal only
   void close_output();                                             // only when it is not read
   std::string output() const;
+  // A line of standard output, counted from 0, without its end; empty when it does not come in
+  // time.
+  std::string line(std::size_t number) const;
   std::string errors() const;
   std::string proc_file(const std::string& name) const;
   bool is_running();
