@@ -17,7 +17,8 @@ struct machine {
 machine this_machine();
 
 // Processor seconds that everybody but this process has had since the system began, all cores
-// together, those that the host of a virtual machine has kept included; to the hundredth.
+// together, those that the host of a virtual machine has kept included. An estimate from below:
+// interrupts that come while this process runs are taken for its own.
 double processor_seconds_of_others();
 
 }  // namespace kav_test
